@@ -1,0 +1,29 @@
+# Settings shared by the project's own targets. Everything is a target property, so nothing
+# leaks into consumers of the installed package.
+
+if(KRPAL_SANITIZE)
+    if(NOT KRPAL_SANITIZE MATCHES "^(address,undefined|undefined,address|address|undefined|thread)$")
+        message(FATAL_ERROR "KRPAL_SANITIZE must be empty, address,undefined or thread (got '${KRPAL_SANITIZE}')")
+    endif()
+    # Sanitizers apply to every program of the build, tests and tools included.
+    add_compile_options(-fsanitize=${KRPAL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${KRPAL_SANITIZE})
+endif()
+
+# Warnings, Qt's stricter string handling, and the project's compile definitions.
+function(krpal_set_target_defaults target)
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wnon-virtual-dtor -Woverloaded-virtual -Werror)
+    target_compile_definitions(${target} PRIVATE
+        QT_DISABLE_DEPRECATED_BEFORE=0x050F00
+        QT_NO_CAST_TO_ASCII
+        QT_NO_FOREACH
+        QT_USE_QSTRINGBUILDER)
+endfunction()
+
+# A shared library of the project: fixed text must be spelled out, and a missing symbol
+# fails the link here instead of an application on the board.
+function(krpal_set_library_defaults target)
+    krpal_set_target_defaults(${target})
+    target_compile_definitions(${target} PRIVATE QT_NO_CAST_FROM_ASCII)
+    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+endfunction()

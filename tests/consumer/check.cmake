@@ -1,0 +1,62 @@
+# Installs the build into a scratch prefix and consumes it as an application would:
+# CMake's find_package, then pkg-config. Also checks the library's SONAME and exports.
+cmake_minimum_required(VERSION 3.16)
+
+function(run)
+    execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+    if(NOT rc EQUAL 0)
+        message(FATAL_ERROR "failed (${rc}): ${ARGN}\n${out}\n${err}")
+    endif()
+    set(RUN_OUTPUT "${out}" PARENT_SCOPE)
+endfunction()
+
+set(prefix "${WORK_DIR}/prefix")
+file(REMOVE_RECURSE "${WORK_DIR}")
+run("${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}")
+
+foreach(path lib/libKrPal.so.1 lib/libKrPal.so lib/libCrosscutting.so.1 include/pal/krpal_export.h
+             include/crosscutting/crosscutting.h lib/cmake/KrPal/KrPalConfig.cmake
+             lib/cmake/KrPal/KrPalConfigVersion.cmake lib/cmake/KrPal/KrPalTargets.cmake lib/pkgconfig/KrPal.pc)
+    if(NOT EXISTS "${prefix}/${path}")
+        message(FATAL_ERROR "not installed: ${path}")
+    endif()
+endforeach()
+
+run(readelf -d "${prefix}/lib/libKrPal.so.1")
+if(NOT RUN_OUTPUT MATCHES "Library soname: \\[libKrPal\\.so\\.1\\]")
+    message(FATAL_ERROR "libKrPal.so.1 lacks its SONAME:\n${RUN_OUTPUT}")
+endif()
+
+# Only the public classes of namespace Pal leave the library.
+run(nm -D --defined-only -C "${prefix}/lib/libKrPal.so.1")
+string(REPLACE "\n" ";" symbols "${RUN_OUTPUT}")
+foreach(line IN LISTS symbols)
+    if(line STREQUAL "" OR line MATCHES " (_init|_fini|_edata|_end|__bss_start)$")
+        continue()
+    endif()
+    if(NOT line MATCHES "Pal::" OR line MATCHES "Pal::Internal")
+        message(FATAL_ERROR "exported symbol outside the public classes: ${line}")
+    endif()
+endforeach()
+
+set(flags "")
+if(SANITIZE)
+    set(flags "-fsanitize=${SANITIZE}")
+endif()
+
+# CMake consumer.
+run("${CMAKE_COMMAND}" -S "${SOURCE_DIR}" -B "${WORK_DIR}/cmake-build" "-DCMAKE_PREFIX_PATH=${prefix}"
+    "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" "-DCMAKE_CXX_FLAGS=${flags}")
+run("${CMAKE_COMMAND}" --build "${WORK_DIR}/cmake-build")
+run("${WORK_DIR}/cmake-build/consumer")
+message(STATUS "${RUN_OUTPUT}")
+
+# pkg-config consumer.
+set(ENV{PKG_CONFIG_PATH} "${prefix}/lib/pkgconfig")
+run(pkg-config --cflags --libs KrPal)
+string(STRIP "${RUN_OUTPUT}" pcflags)
+separate_arguments(pcflags UNIX_COMMAND "${pcflags}")
+run("${CXX_COMPILER}" -std=c++17 -fPIC ${flags} "${SOURCE_DIR}/main.cpp" -o "${WORK_DIR}/consumer-pc" ${pcflags})
+set(ENV{LD_LIBRARY_PATH} "${prefix}/lib")
+run("${WORK_DIR}/consumer-pc")
+message(STATUS "${RUN_OUTPUT}")
