@@ -1,0 +1,37 @@
+#pragma once
+
+#include <pal/krpal_export.h>
+
+#include <QObject>
+
+namespace Pal {
+
+/// The byte transport to one hardware device, written by the application for each kind of
+/// device access. It knows nothing of command ids, formatting or time-outs.
+///
+/// write() is called on the command thread of the device abstraction that uses the proxy;
+/// read() and ioctl() on whatever thread calls that device abstraction, and read() also on a
+/// data collector's thread. They may overlap: any serialisation the device needs is the
+/// proxy's own business. read() should return promptly (0) when no input is waiting.
+/// A concrete proxy declares an invokable constructor callable with no arguments so that a
+/// configuration can build it by class name.
+class KRPAL_EXPORT KrAbstractDeviceProxy : public QObject
+{
+    Q_OBJECT
+public:
+    explicit KrAbstractDeviceProxy(QObject *parent = nullptr);
+    ~KrAbstractDeviceProxy() override;
+
+    /// Sends @p size bytes; the bytes are valid for the duration of the call only.
+    virtual qint64 write(const char *data, qint64 size) = 0;
+    /// Copies at most @p maxSize bytes of input: -1 on failure, 0 when nothing was read.
+    virtual qint64 read(char *data, qint64 maxSize) = 0;
+    /// One request-and-reply exchange; enforcing @p timeoutMs is the proxy's job.
+    virtual qint64 ioctl(char *request, int requestSize, char *reply, quint32 replySize, quint32 timeoutMs) = 0;
+
+Q_SIGNALS:
+    void readyRead();
+    void dataReady(const char *data, int size);
+};
+
+} // namespace Pal

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <pal/krpal_export.h>
+
+#include <QByteArray>
+#include <QHash>
+#include <QObject>
+#include <QVariant>
+
+#include <functional>
+#include <memory>
+
+class QThread;
+
+namespace Pal {
+
+class KrAbstractDeviceProxy;
+
+/// From command id to the function that turns (command id, value) into the bytes sent.
+using CommandFormatters = QHash<quint16, std::function<QByteArray(quint16, const QVariant &)>>;
+
+/// One device of the board under a device key. Commands are formatted on the caller's thread
+/// and written through the device proxy on the device's own command thread; the caller waits
+/// at most a time-out, so a hung device cannot block it.
+///
+/// One command at a time: callers must not run write() or doCommand() on the same device
+/// abstraction from two threads at once. A command that times out keeps running to its end;
+/// the next command, and the destructor, wait for it.
+class KRPAL_EXPORT KrDeviceAbstraction : public QObject
+{
+    Q_OBJECT
+public:
+    /// With a non-empty @p id and a proxy, the proxy is adopted as a child and its signals are
+    /// forwarded. The parameter types are spelled as the configuration's factory names them.
+    Q_INVOKABLE KrDeviceAbstraction(const QByteArray &id, KrAbstractDeviceProxy *deviceProxy,
+        CommandFormatters &formatters, QObject *parent = nullptr);
+    /// Without formatters there is no command thread, and every write() is rejected.
+    Q_INVOKABLE KrDeviceAbstraction(
+        const QByteArray &id, KrAbstractDeviceProxy *deviceProxy, QObject *parent = nullptr);
+    ~KrDeviceAbstraction() override;
+
+    /// Returns the proxy's write result, 7 when the command is rejected (no proxy, no
+    /// formatter for @p commandId, or no command thread) and -1 after @p timeoutMs.
+    qint64 write(quint16 commandId, QVariant value, quint32 timeoutMs);
+    /// As above, with timeoutInMs().
+    qint64 write(quint16 commandId, QVariant value);
+    /// The proxy's read result, or -1 without proxy.
+    qint64 read(char *data, qint64 maxSize);
+    /// One request-and-reply exchange on the caller's thread; -1 when rejected.
+    virtual qint64 ioctl(quint16 commandId, char *buffer, quint32 size, quint32 timeoutMs);
+    virtual void collectData();
+    /// Consulted once for every rejected command; its answer does not change the result.
+    virtual bool commandBlacklisted(quint16 commandId);
+
+    void setTimeoutInMs(quint32 timeoutMs);
+    quint32 timeoutInMs() const;
+    const QByteArray &id() const;
+
+    /// Runs @p job on the command thread and waits at most @p timeoutMs for it: the job's
+    /// result, or -1 (reported) after the time-out. Without a command thread the job is not
+    /// run and -1 is returned at once, unreported. An empty job throws
+    /// std::bad_function_call here, on the caller's thread.
+    qint64 doCommand(std::function<qint64()> job, quint32 timeoutMs);
+    /// The command thread's body: stores the job's result and ends the thread.
+    void doWork(std::function<qint64()> job, qint64 *result);
+    /// Waits for the previous command to end and removes its closure.
+    void prepareThread();
+
+Q_SIGNALS:
+    void rawDataReady(const KrDeviceAbstraction &deviceAbstraction);
+    void dataReady(const char *data, int size);
+
+private:
+    void adoptProxy();
+
+    KrAbstractDeviceProxy *m_deviceProxy;
+    QByteArray m_id;
+    CommandFormatters m_formatters;
+    std::unique_ptr<QThread> m_commandThread;
+    quint32 m_timeoutMs;
+};
+
+} // namespace Pal
