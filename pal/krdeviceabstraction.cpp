@@ -38,7 +38,7 @@ KrDeviceAbstraction::~KrDeviceAbstraction()
 {
     // A job left running by a timed-out command still uses the proxy, a child of ours.
     if (m_commandThread)
-        m_commandThread->wait();
+        waitForCommandThread();
     m_commandThread.reset();
 }
 
@@ -120,8 +120,7 @@ qint64 KrDeviceAbstraction::doCommand(std::function<qint64()> job, quint32 timeo
         return -1;
 
     // The result slot is shared with the closure: after a time-out the job still writes it
-    // while this call has long returned. It is atomic because the thread's finish, which
-    // orders the write before our read, happens inside Qt where race checkers cannot see it.
+    // while this call has long returned.
     const auto result = std::make_shared<std::atomic<qint64>>(-1);
     prepareThread();
     connect(
@@ -129,13 +128,16 @@ qint64 KrDeviceAbstraction::doCommand(std::function<qint64()> job, quint32 timeo
         [this, job, result] {
             qint64 value = -1;
             doWork(job, &value);
-            result->store(value, std::memory_order_release);
+            result->store(value, std::memory_order_relaxed);
+            m_jobsFinished.fetch_add(1, std::memory_order_release);
         },
         Qt::DirectConnection);
     m_commandThread->start(QThread::InheritPriority);
 
-    if (m_commandThread->wait(timeoutMs))
-        return result->load(std::memory_order_acquire);
+    if (m_commandThread->wait(timeoutMs)) {
+        m_jobsFinished.load(std::memory_order_acquire);
+        return result->load(std::memory_order_relaxed);
+    }
 
     Internal::reportStatus(70, __FILE__, 168,
         "qint64 Pal::KrDeviceAbstraction::doCommand(std::function<long long int()>, quint32)",
@@ -159,8 +161,17 @@ void KrDeviceAbstraction::prepareThread()
     // with nobody to end it, blocking every later command.
     if (!m_commandThread)
         return;
-    m_commandThread->wait();
+    waitForCommandThread();
     disconnect(m_commandThread.get(), nullptr, nullptr, nullptr);
+}
+
+void KrDeviceAbstraction::waitForCommandThread()
+{
+    m_commandThread->wait();
+    // QThread::wait() already orders everything the job did before our return, but inside Qt,
+    // where race checkers cannot see it; this acquire pairs with the job's release and makes
+    // the order visible to them. It costs one load.
+    m_jobsFinished.load(std::memory_order_acquire);
 }
 
 } // namespace Pal

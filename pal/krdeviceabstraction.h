@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QVariant>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 
@@ -72,12 +73,15 @@ Q_SIGNALS:
 
 private:
     void adoptProxy();
+    void waitForCommandThread();
 
     KrAbstractDeviceProxy *m_deviceProxy;
     QByteArray m_id;
     CommandFormatters m_formatters;
     std::unique_ptr<QThread> m_commandThread;
     quint32 m_timeoutMs;
+    // Counts the jobs that ended; see waitForCommandThread().
+    std::atomic<quint64> m_jobsFinished{0};
 };
 
 } // namespace Pal
