@@ -1,0 +1,28 @@
+#pragma once
+
+#include <pal/krpal_export.h>
+#include <pal/krselftestresult.h>
+
+namespace Pal {
+
+/// A named measurement with its expected value, tolerance and actual value. The caller decides
+/// whether it passed; the result never compares the numbers itself.
+class KRPAL_EXPORT KrNumericTestResult : public KrSelfTestResult
+{
+    Q_OBJECT
+public:
+    KrNumericTestResult(const bool &pass, const QString &name, const double &expected, const double &tolerance,
+        const double &actual, const bool &showType);
+    KrNumericTestResult(const KrNumericTestResult &other);
+    KrNumericTestResult &operator=(const KrNumericTestResult &other);
+    ~KrNumericTestResult() override;
+
+    QJsonObject generateJsonObject() const override;
+
+private:
+    double m_expected;
+    double m_tolerance;
+    double m_actual;
+};
+
+} // namespace Pal

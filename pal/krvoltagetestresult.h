@@ -1,0 +1,22 @@
+#pragma once
+
+#include <pal/krnumerictestresult.h>
+#include <pal/krpal_export.h>
+
+namespace Pal {
+
+/// A measured voltage; its numbers render in volts.
+class KRPAL_EXPORT KrVoltageTestResult : public KrNumericTestResult
+{
+    Q_OBJECT
+public:
+    KrVoltageTestResult(const bool &pass, const QString &name, const double &expected, const double &tolerance,
+        const double &actual, const bool &showType);
+    KrVoltageTestResult(const KrVoltageTestResult &other);
+    KrVoltageTestResult &operator=(const KrVoltageTestResult &other);
+    ~KrVoltageTestResult() override;
+
+    QJsonObject generateJsonObject() const override;
+};
+
+} // namespace Pal
