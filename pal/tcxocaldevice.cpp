@@ -21,7 +21,8 @@ const QFileDevice::Permissions calFilePermissions
 // The characters a value may consist of; any other character, "E" included, ends it.
 const QLatin1String valueRun("[-\\d.+e]*");
 
-// The key is inserted as a pattern, unescaped, so that every caller finds values alike.
+// The key goes into the pattern unescaped. The nine keys hold no pattern characters, so only
+// a caller's own key passed to getValue can act as a pattern.
 QRegularExpression valueExpression(const QString &key)
 {
     return QRegularExpression(key + QLatin1String("(?<value>") + valueRun + QLatin1Char(')'));
