@@ -185,6 +185,13 @@ private Q_SLOTS:
         QTest::newRow("two lines, odd run") << QByteArray("FIELD_TCXO=1.5e+3x\nXFIELD_TCXO=\n") << 7
                                             << QByteArray("FIELD_TCXO=7x\nXFIELD_TCXO=7\n") << "7";
         QTest::newRow("key missing") << QByteArray("FIELD_TCXO 5\n") << 9 << QByteArray("FIELD_TCXO 5\n") << "9";
+        // Only the value changes: a byte-order mark and bytes that are not UTF-8 stay as they were.
+        QTest::newRow("not UTF-8") << QByteArray("\xEF\xBB\xBF# 25\xB0"
+                                                 "C\nFIELD_TCXO=1\xFF\xE2\n")
+                                   << 2
+                                   << QByteArray("\xEF\xBB\xBF# 25\xB0"
+                                                 "C\nFIELD_TCXO=2\xFF\xE2\n")
+                                   << "2";
         QTest::newRow("unconvertible equals 0")
             << QByteArray("FIELD_TCXO=abc") << 0 << QByteArray("FIELD_TCXO=abc") << "0";
     }
@@ -319,6 +326,20 @@ private Q_SLOTS:
         QVERIFY(!device.getTcxoCalFactors(factors));
         QCOMPARE(factors, (Factors{0, 2.5f, 0, 0, 25.5f, 0, 1.7e12f, -7, 19}));
         QCOMPARE(recorder.takeMessages(), QStringList());
+    }
+
+    // Qt's toFloat answers infinity for a value beyond float's range, yet it did not convert.
+    void valueBeyondFloatRangeReadsAsZero()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath("tcxo.cal");
+        writeFile(path, QByteArray(exampleBytes).replace("FIX_DECAY_TIME=3600", "FIX_DECAY_TIME=-1e39"));
+        TcxoCalDevice device("tcxo", path);
+        Factors factors{};
+        QVERIFY(device.getTcxoCalFactors(factors));
+        Factors expected = example;
+        expected.fixDecayTime = 0;
+        QCOMPARE(factors, expected);
     }
 
     // Relative paths stay relative in messages; the cache starts from the file.
