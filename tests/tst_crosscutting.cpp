@@ -7,8 +7,8 @@
 
 #include <stdexcept>
 
-namespace {
-
+// Outside the anonymous namespace: Q_ENUM's helper functions would be unused there, which
+// clang warns about.
 class Labelled
 {
     Q_GADGET
@@ -20,6 +20,8 @@ public:
     };
     Q_ENUM(Colour)
 };
+
+namespace {
 
 // Records the order of lock, hooks and unlock as a locker drives them.
 class RecordingMutex : public Crosscutting::KrAbstractMutex
