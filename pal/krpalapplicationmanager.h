@@ -20,7 +20,8 @@ class KrPalRoot;
 /// from any thread.
 ///
 /// A root that the registry lets go of for the last time is destroyed under the registry's
-/// lock, so its destruction must not call back into add() or remove().
+/// lock, so its destruction must not call back into the manager: the lookups take the same
+/// lock.
 class KRPAL_EXPORT KrPalApplicationManager
 {
 public:
