@@ -85,6 +85,13 @@ foreach(path usr/include/pal/krpal_export.h usr/include/crosscutting/crosscuttin
     endif()
 endforeach()
 
+# The demo and the tools, once the build installs them, need the runtime package of their version.
+set(tools_deb "${packages}/krpal-tools_${version}_${arch}.deb")
+if(EXISTS "${tools_deb}")
+    run(dpkg-deb -f "${tools_deb}" Depends)
+    expect_match("${RUN_OUTPUT}" "^libkrpal1 \\(= ${version}\\)" "krpal-tools Depends")
+endif()
+
 # Unpacked as dpkg would install them, under a scratch root instead of /.
 file(GLOB debs "${packages}/*.deb")
 foreach(deb IN LISTS debs)
