@@ -188,6 +188,24 @@ if [ -n "$libs_deb" ]; then
     grep -qE "usr/lib/$triplet/libKrPal\.so\.1( |\$)" <<<"$contents" ||
         fail "libkrpal1 lacks usr/lib/$triplet/libKrPal.so.1"
 fi
+
+# An aarch64 application built against the unpacked arm64 packages, as a board application
+# is built, and run under emulation.
+root="$build_dir/package-root"
+rm -rf "$root" "$build_dir/consumer"
+for deb in "$build_dir"/packages/libkrpal*.deb; do
+    [ -e "$deb" ] && dpkg -x "$deb" "$root"
+done
+if cmake -S tests/consumer -B "$build_dir/consumer" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$triplet.cmake" \
+    -DCMAKE_PREFIX_PATH="$PWD/$root/usr" >"$build_dir/consumer.log" 2>&1 &&
+    cmake --build "$build_dir/consumer" >>"$build_dir/consumer.log" 2>&1; then
+    echo "consumer: $(file -b "$build_dir/consumer/consumer" | cut -d, -f1,2)"
+    LD_LIBRARY_PATH="$PWD/$root/usr/lib/$triplet" run_program "consumer of the arm64 packages" \
+        "$build_dir/consumer/run.log" "$build_dir/consumer/consumer"
+else
+    cat "$build_dir/consumer.log" >&2
+    fail "building the consumer against the arm64 packages"
+fi
 phase_done "packages"
 
 echo
