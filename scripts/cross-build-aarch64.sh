@@ -28,6 +28,11 @@ phase_done() {
     timings+=("$1: $((SECONDS - phase_start)) s")
     phase_start=$SECONDS
 }
+# Files the build made, without those this script makes beside them (checks, packages).
+work_dir="$build_dir/cross-check"
+build_outputs() {
+    find "$build_dir" \( -name CMakeFiles -o -path "$work_dir" -o -path "$build_dir/packages" \) -prune -o "$@"
+}
 failures=()
 fail() {
     echo "FAILED: $*" >&2
@@ -37,7 +42,7 @@ fail() {
 # 1. What is missing. Adding the architecture needs a fresh package list, which
 #    install-deps.sh fetches whenever it installs anything.
 if [ "$install" -eq 1 ]; then
-    if ! dpkg --print-foreign-architectures | grep -qx arm64; then
+    if ! grep -qx arm64 <<<"$(dpkg --print-foreign-architectures)"; then
         sudo=()
         [ "$(id -u)" -eq 0 ] || sudo=(sudo)
         echo "Adding the arm64 architecture to dpkg"
@@ -48,9 +53,9 @@ if [ "$install" -eq 1 ]; then
 fi
 phase_done "install"
 
-# 2. Configure and build. Packages install into /usr, so GNUInstallDirs picks Debian's
-#    multiarch library directory lib/aarch64-linux-gnu.
-cmake -S . -B "$build_dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$triplet.cmake \
+# 2. Configure and build. Packages install into /usr, for which the toolchain file picks
+#    Debian's multiarch library directory lib/aarch64-linux-gnu.
+cmake -S . -B "$build_dir" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$triplet.cmake" \
     -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr >/dev/null
 phase_done "configure"
 cmake --build "$build_dir" --parallel "$(nproc)"
@@ -62,11 +67,10 @@ echo
 echo "== Architecture"
 elf_files=()
 while IFS= read -r -d '' path; do
-    if file -b "$path" | grep -q '^ELF'; then
+    if [[ $(file -b "$path") == ELF* ]]; then
         elf_files+=("$path")
     fi
-done < <(find "$build_dir" -path '*/CMakeFiles' -prune -o -path "$build_dir/_CPack_Packages" -prune \
-    -o -type f \( -perm -u+x -o -name '*.so*' \) -print0 | sort -z)
+done < <(build_outputs -type f \( -perm -u+x -o -name '*.so*' \) -print0 | sort -z)
 [ ${#elf_files[@]} -gt 0 ] || fail "no ELF file in $build_dir"
 for path in "${elf_files[@]}"; do
     description=$(file -b "$path")
@@ -75,7 +79,7 @@ for path in "${elf_files[@]}"; do
     [ "$machine" = "AArch64" ] || fail "$path is built for '$machine', not AArch64"
 done
 for library in libKrPal.so.1 libCrosscutting.so.1; do
-    path=$(find "$build_dir" -name "$library" -print -quit)
+    path=$(build_outputs -name "$library" -print -quit)
     if [ -z "$path" ]; then
         fail "$library was not built"
         continue
@@ -98,9 +102,8 @@ echo "== Runs under qemu-aarch64 (time-out ${run_timeout} s each)"
 qemu=(qemu-aarch64)
 [ -e /lib/ld-linux-aarch64.so.1 ] || qemu+=(-L "/usr/$triplet")
 export QT_QPA_PLATFORM=offscreen
-probe_dir="$build_dir/qemu-probe"
-mkdir -p "$probe_dir"
-cat >"$probe_dir/probe.cpp" <<'EOF'
+mkdir -p "$work_dir"
+cat >"$work_dir/probe.cpp" <<'EOF'
 #include <cstdio>
 #include <thread>
 int main()
@@ -112,10 +115,10 @@ int main()
     return value == 42 ? 0 : 1;
 }
 EOF
-$triplet-g++ -std=c++17 -pthread "$probe_dir/probe.cpp" -o "$probe_dir/probe"
+$triplet-g++ -std=c++17 -pthread "$work_dir/probe.cpp" -o "$work_dir/probe"
 threads_reason=""
 set +e
-probe_output=$(timeout -k 5 20 "${qemu[@]}" "$probe_dir/probe" 2>&1)
+probe_output=$(timeout -k 5 20 "${qemu[@]}" "$work_dir/probe" 2>&1)
 probe_rc=$?
 set -e
 if [ $probe_rc -eq 0 ]; then
@@ -155,17 +158,17 @@ run_program() { # name, log file, program and arguments
 mapfile -t tests < <(ctest --test-dir "$build_dir" -N -LE '^(install|format|package)$' |
     sed -n 's/^ *Test *#[0-9]*: *//p')
 for name in "${tests[@]}"; do
-    program=$(find "$build_dir" -path '*/CMakeFiles' -prune -o -type f -name "$name" -print -quit)
+    program=$(build_outputs -type f -name "$name" -print -quit)
     if [ -z "$program" ]; then
         fail "test program $name not found"
         continue
     fi
-    run_program "$name" "$probe_dir/$name.log" "$program"
+    run_program "$name" "$work_dir/$name.log" "$program"
 done
 # The demo and the tools answer --help without touching any hardware.
 while IFS= read -r -d '' program; do
-    if file -b "$program" | grep -q '^ELF'; then
-        run_program "$(basename "$program") --help" "$probe_dir/$(basename "$program").log" "$program" --help
+    if [[ $(file -b "$program") == ELF* ]]; then
+        run_program "$(basename "$program") --help" "$work_dir/$(basename "$program").log" "$program" --help
     fi
 done < <(find "$build_dir/examples" -path '*/CMakeFiles' -prune -o -type f -perm -u+x -print0 2>/dev/null | sort -z)
 phase_done "qemu runs"
@@ -174,8 +177,8 @@ phase_done "qemu runs"
 echo
 echo "== Packages"
 rm -rf "$build_dir/packages"
-cpack --config "$build_dir/CPackConfig.cmake" -G DEB -B "$build_dir/packages" >"$build_dir/cpack.log" 2>&1 ||
-    { cat "$build_dir/cpack.log" >&2; fail "cpack"; }
+cpack --config "$build_dir/CPackConfig.cmake" -G DEB -B "$build_dir/packages" >"$work_dir/cpack.log" 2>&1 ||
+    { cat "$work_dir/cpack.log" >&2; fail "cpack"; }
 for deb in "$build_dir"/packages/*.deb; do
     [ -e "$deb" ] || { fail "no package made"; break; }
     echo "$(basename "$deb"):"
@@ -191,19 +194,20 @@ fi
 
 # An aarch64 application built against the unpacked arm64 packages, as a board application
 # is built, and run under emulation.
-root="$build_dir/package-root"
-rm -rf "$root" "$build_dir/consumer"
+root="$work_dir/package-root"
+consumer="$work_dir/consumer"
+rm -rf "$root" "$consumer"
 for deb in "$build_dir"/packages/libkrpal*.deb; do
     [ -e "$deb" ] && dpkg -x "$deb" "$root"
 done
-if cmake -S tests/consumer -B "$build_dir/consumer" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$triplet.cmake" \
-    -DCMAKE_PREFIX_PATH="$PWD/$root/usr" >"$build_dir/consumer.log" 2>&1 &&
-    cmake --build "$build_dir/consumer" >>"$build_dir/consumer.log" 2>&1; then
-    echo "consumer: $(file -b "$build_dir/consumer/consumer" | cut -d, -f1,2)"
+if cmake -S tests/consumer -B "$consumer" -G Ninja -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/toolchains/$triplet.cmake" \
+    -DCMAKE_PREFIX_PATH="$PWD/$root/usr" >"$work_dir/consumer.log" 2>&1 &&
+    cmake --build "$consumer" >>"$work_dir/consumer.log" 2>&1; then
+    echo "consumer: $(file -b "$consumer/consumer" | cut -d, -f1,2)"
     LD_LIBRARY_PATH="$PWD/$root/usr/lib/$triplet" run_program "consumer of the arm64 packages" \
-        "$build_dir/consumer/run.log" "$build_dir/consumer/consumer"
+        "$consumer/run.log" "$consumer/consumer"
 else
-    cat "$build_dir/consumer.log" >&2
+    cat "$work_dir/consumer.log" >&2
     fail "building the consumer against the arm64 packages"
 fi
 phase_done "packages"
