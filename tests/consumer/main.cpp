@@ -1,7 +1,26 @@
 #include <crosscutting/crosscutting.h>
+#include <pal/krdeviceabstraction.h>
 #include <pal/krpal_export.h>
+#include <pal/krpalapplicationmanager.h>
+#include <pal/krpalconfiguration.h>
+#include <pal/krpalroot.h>
 
 #include <cstdio>
+
+namespace {
+
+// A board of two devices built by hand; a real board names its proxy classes instead.
+class ConsumerConfiguration : public Pal::KrPalConfiguration
+{
+public:
+    QList<QByteArray> deviceAbstractionIds() const override { return {"adc", "dac"}; }
+    std::shared_ptr<Pal::KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const override
+    {
+        return std::shared_ptr<Pal::KrDeviceAbstraction>(new Pal::KrDeviceAbstraction(id, nullptr));
+    }
+};
+
+} // namespace
 
 int main()
 {
@@ -9,6 +28,17 @@ int main()
         = Crosscutting::KrCrosscuttingManagerPlaceholder::instance()->statusReporter();
     const StatusCode code = reporter->reportStatus(
         42, Crosscutting::createSourceContext(QString(), QStringLiteral("main.cpp"), 1, QStringLiteral("main"), {}));
-    std::printf("consumer: reporter answered %lld\n", static_cast<long long>(code));
-    return code == 42 ? 0 : 1;
+
+    const QString application = QStringLiteral("consumer");
+    Pal::KrPalApplicationManager::add(application, ConsumerConfiguration().createPalRoot());
+    const QSharedPointer<Pal::KrPalRoot> root = Pal::KrPalApplicationManager::application(application);
+    Pal::KrDeviceAbstraction *dac = root ? root->deviceAbstraction("dac") : nullptr;
+    const QByteArray dacId = dac ? dac->id() : QByteArray();
+    // Without a proxy the device rejects every command.
+    const qint64 written = dac ? dac->write(1, 0) : 0;
+    Pal::KrPalApplicationManager::remove(application);
+
+    std::printf("consumer: reporter answered %lld, device \"%s\" rejected a write with %lld\n",
+        static_cast<long long>(code), dacId.constData(), static_cast<long long>(written));
+    return code == 42 && dacId == "dac" && written == 7 ? 0 : 1;
 }

@@ -1,0 +1,49 @@
+#include "krpalapplicationmanager.h"
+
+#include "krpalroot.h"
+
+#include <crosscutting/crosscutting.h>
+
+#include <mutex>
+
+namespace Pal {
+
+namespace {
+using RegistryLocker = Crosscutting::KrMutexLocker<Crosscutting::KrMutex, std::lock_guard>;
+constexpr unsigned int registryLockTimeout = 120000;
+} // namespace
+
+// Defined in this order so that the registry outlives its mutex: at unload the mutex goes
+// first, then the registry releases the roots still registered.
+QHash<QString, QSharedPointer<KrPalRoot>> KrPalApplicationManager::s_applications;
+Crosscutting::KrMutex KrPalApplicationManager::s_mutex(registryLockTimeout);
+
+bool KrPalApplicationManager::add(const QString &name, QSharedPointer<KrPalRoot> root)
+{
+    const RegistryLocker locker(s_mutex);
+    s_applications.insert(name, root);
+    return true;
+}
+
+void KrPalApplicationManager::remove(const QString &name)
+{
+    const RegistryLocker locker(s_mutex);
+    s_applications.remove(name);
+}
+
+// The lookups take the lock too: a concurrent add() or remove() may rehash or detach the
+// registry under them, and the returned reference must be taken before a remove() drops the
+// registry's own.
+QSharedPointer<KrPalRoot> KrPalApplicationManager::application(const QString &name)
+{
+    const RegistryLocker locker(s_mutex);
+    return s_applications.value(name);
+}
+
+bool KrPalApplicationManager::loaded(const QString &name)
+{
+    const RegistryLocker locker(s_mutex);
+    return s_applications.contains(name);
+}
+
+} // namespace Pal
