@@ -1,0 +1,247 @@
+#include "tcxocaldevice.h"
+
+#include <QDateTime>
+#include <QDebug>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTextStream>
+
+#include <unistd.h>
+
+namespace Pal {
+
+namespace {
+
+// Mode 0604: the owner reads and writes, others read, the group has no access.
+const QFileDevice::Permissions calFilePermissions
+    = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther;
+
+// The characters a value may consist of; any other character, "E" included, ends it.
+const QLatin1String valueRun("[-\\d.+e]*");
+
+// The key is inserted as a pattern, unescaped, so that every caller finds values alike.
+QRegularExpression valueExpression(const QString &key)
+{
+    return QRegularExpression(key + QLatin1String("(?<value>") + valueRun + QLatin1Char(')'));
+}
+
+QRegularExpression valueExpression(const char *key)
+{
+    return valueExpression(QLatin1String(key));
+}
+
+// Group 1 is the key, group 2 the value that a field update replaces.
+QRegularExpression replaceExpression(const char *key)
+{
+    return QRegularExpression(
+        QLatin1Char('(') + QLatin1String(key) + QLatin1String(")(") + valueRun + QLatin1Char(')'));
+}
+
+// Every occurrence of the key gets the new value; a key missing from the text stays missing.
+void replaceValue(QString &text, const QRegularExpression &keyAndValue, const QString &value)
+{
+    text.replace(keyAndValue, QLatin1String("\\1") + value);
+}
+
+QString realText(float value)
+{
+    return QString::number(double(value), 'g', 6);
+}
+
+// As qCritical() in the default category, but without source context in any build type.
+QDebug critical()
+{
+    return QMessageLogger(nullptr, 0, nullptr).critical();
+}
+
+// The file's text ends at its first NUL byte.
+QString textOf(const QByteArray &bytes)
+{
+    const int nul = bytes.indexOf('\0');
+    return QString::fromUtf8(bytes.constData(), nul < 0 ? bytes.size() : nul);
+}
+
+bool readField(const QString &text, const QRegularExpression &expression, unsigned int &field)
+{
+    const QRegularExpressionMatch match = expression.match(text);
+    if (!match.hasMatch())
+        return false;
+    field = static_cast<unsigned int>(match.captured(QStringLiteral("value")).toInt());
+    return true;
+}
+
+bool readField(const QString &text, const QRegularExpression &expression, float &field)
+{
+    const QRegularExpressionMatch match = expression.match(text);
+    if (!match.hasMatch())
+        return false;
+    field = match.captured(QStringLiteral("value")).toFloat();
+    return true;
+}
+
+struct RecordExpressions
+{
+    QRegularExpression factoryTcxo = valueExpression(factoryTcxoKey);
+    QRegularExpression factoryTemperature = valueExpression(factoryTemperatureKey);
+    QRegularExpression factoryTuningSensitivity = valueExpression(factoryTuningSensitivityKey);
+    QRegularExpression fieldTcxo = valueExpression(fieldTcxoKey);
+    QRegularExpression fieldTemperature = valueExpression(fieldTemperatureKey);
+    QRegularExpression fieldTuningSensitivity = valueExpression(fieldTuningSensitivityKey);
+    QRegularExpression fieldFixTime = valueExpression(fieldFixTimeKey);
+    QRegularExpression fixDecayTime = valueExpression(fixDecayTimeKey);
+    QRegularExpression refSourceDisplay = valueExpression(refSourceDisplayKey);
+};
+
+// The calibration must survive a power cut right after the call, so the written text goes
+// to storage before the file is closed, not only into the page cache.
+void syncAndClose(QFile &file)
+{
+    file.flush();
+    ::fsync(file.handle());
+    file.close();
+}
+
+} // namespace
+
+TcxoCalDevice::TcxoCalDevice(const QByteArray &key, const QString &calibrationFile)
+    : KrDeviceAbstraction(key, nullptr)
+    , m_calibrationFile(calibrationFile)
+    , m_fieldTcxo(0)
+{
+    // Qualified: a derived device's override must not answer for the file.
+    m_fieldTcxo = static_cast<quint16>(TcxoCalDevice::getValue(QLatin1String(fieldTcxoKey), false).toInt());
+}
+
+TcxoCalDevice::~TcxoCalDevice() = default;
+
+void TcxoCalDevice::createTcxoCalFile(TcxoCalFactors factors)
+{
+    m_fieldTcxo = static_cast<quint16>(factors.fieldTcxo);
+    if (!calDirectoryExists())
+        return;
+    QFile file(calibrationFile());
+    file.setPermissions(calFilePermissions);
+    file.resize(0);
+    if (!file.open(QIODevice::ReadWrite))
+        return;
+    {
+        // A default stream writes numbers in the C locale whatever the process's locale.
+        QTextStream stream(&file);
+        stream << QLatin1String(factoryTcxoKey) << factors.factoryTcxo << '\n'
+               << QLatin1String(factoryTemperatureKey) << factors.factoryTemperature << '\n'
+               << QLatin1String(factoryTuningSensitivityKey) << factors.factoryTuningSensitivity << '\n'
+               << QLatin1String(fieldTcxoKey) << factors.fieldTcxo << '\n'
+               << QLatin1String(fieldTemperatureKey) << factors.fieldTemperature << '\n'
+               << QLatin1String(fieldTuningSensitivityKey) << factors.fieldTuningSensitivity << '\n'
+               << QLatin1String(fieldFixTimeKey) << factors.fieldFixTime << '\n'
+               << QLatin1String(fixDecayTimeKey) << factors.fixDecayTime << '\n'
+               << QLatin1String(refSourceDisplayKey) << factors.refSourceDisplay;
+        stream.flush();
+    }
+    syncAndClose(file);
+}
+
+bool TcxoCalDevice::getTcxoCalFactors(TcxoCalFactors &factors) const
+{
+    QFile file(calibrationFile());
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const QString text = textOf(file.readAll());
+    file.close();
+
+    static const RecordExpressions expressions;
+    bool complete = true;
+    complete &= readField(text, expressions.factoryTcxo, factors.factoryTcxo);
+    complete &= readField(text, expressions.factoryTemperature, factors.factoryTemperature);
+    complete &= readField(text, expressions.factoryTuningSensitivity, factors.factoryTuningSensitivity);
+    complete &= readField(text, expressions.fieldTcxo, factors.fieldTcxo);
+    complete &= readField(text, expressions.fieldTemperature, factors.fieldTemperature);
+    complete &= readField(text, expressions.fieldTuningSensitivity, factors.fieldTuningSensitivity);
+    complete &= readField(text, expressions.fieldFixTime, factors.fieldFixTime);
+    complete &= readField(text, expressions.fixDecayTime, factors.fixDecayTime);
+    complete &= readField(text, expressions.refSourceDisplay, factors.refSourceDisplay);
+    return complete;
+}
+
+QString TcxoCalDevice::getValue(const QString &key, bool fromCache) const
+{
+    if (fromCache && key == QLatin1String(fieldTcxoKey))
+        return QString::number(m_fieldTcxo);
+
+    QFile file(calibrationFile());
+    if (!file.open(QIODevice::ReadOnly)) {
+        critical() << "Cannot open file" << file.fileName();
+        return QString();
+    }
+    const QRegularExpressionMatch match = valueExpression(key).match(textOf(file.readAll()));
+    file.close();
+    if (!match.hasMatch()) {
+        critical() << "Did not find value for " << key << " in " << file.fileName();
+        return QString();
+    }
+    return match.captured(QStringLiteral("value"));
+}
+
+void TcxoCalDevice::updateTcxoFieldCal(int dacValue, float temperature, float tuningSensitivity)
+{
+    updateTcxoCalFile(dacValue, [temperature, tuningSensitivity](QString &text) {
+        static const QRegularExpression fieldTemperature = replaceExpression(fieldTemperatureKey);
+        static const QRegularExpression fieldTuningSensitivity = replaceExpression(fieldTuningSensitivityKey);
+        static const QRegularExpression fieldFixTime = replaceExpression(fieldFixTimeKey);
+        replaceValue(text, fieldTemperature, realText(temperature));
+        replaceValue(text, fieldTuningSensitivity, realText(tuningSensitivity));
+        replaceValue(text, fieldFixTime, QString::number(QDateTime::currentMSecsSinceEpoch()));
+    });
+}
+
+void TcxoCalDevice::updateTcxoFieldCal(int dacValue)
+{
+    updateTcxoCalFile(dacValue, [](QString &) {});
+}
+
+QString TcxoCalDevice::calibrationFile() const
+{
+    return m_calibrationFile;
+}
+
+bool TcxoCalDevice::calDirectoryExists() const
+{
+    const QString directory = QFileInfo(calibrationFile()).absolutePath();
+    return QDir(directory).exists() || QDir().mkpath(directory);
+}
+
+void TcxoCalDevice::updateTcxoCalFile(int dacValue, std::function<void(QString &)> editFunction)
+{
+    m_fieldTcxo = static_cast<quint16>(dacValue);
+    if (!QFileInfo(calibrationFile()).isFile())
+        return;
+    QFile file(calibrationFile());
+    file.setPermissions(calFilePermissions);
+    if (!file.open(QIODevice::ReadWrite))
+        return;
+    const QByteArray bytes = file.readAll();
+    if (bytes.contains('\0')) {
+        // Only the text before the NUL byte could be edited: rewriting the file would lose the rest.
+        critical() << "Not updating file holding a NUL byte:" << file.fileName();
+        return;
+    }
+    QString text = QString::fromUtf8(bytes);
+
+    static const QRegularExpression fieldTcxoValue(
+        QLatin1String(fieldTcxoKey) + QLatin1String("(?<dacValue>") + valueRun + QLatin1Char(')'));
+    const QRegularExpressionMatch match = fieldTcxoValue.match(text);
+    if (!match.hasMatch() || match.captured(QStringLiteral("dacValue")).toInt() == dacValue)
+        return;
+
+    static const QRegularExpression fieldTcxo = replaceExpression(fieldTcxoKey);
+    replaceValue(text, fieldTcxo, QString::number(qint64(dacValue)));
+    editFunction(text);
+
+    file.resize(0);
+    file.write(text.toUtf8());
+    syncAndClose(file);
+}
+
+} // namespace Pal
