@@ -3,6 +3,38 @@
 #include <chrono>
 #include <cstring>
 
+// Holds the front end's line for one exchange, if it becomes free within the wait.
+class FrontEndProxy::Exchange
+{
+public:
+    Exchange(FrontEndProxy &proxy, std::chrono::milliseconds wait)
+        : m_proxy(proxy)
+    {
+        std::unique_lock<std::mutex> lock(m_proxy.m_lineMutex);
+        m_taken = m_proxy.m_lineFree.wait_for(lock, wait, [this] { return !m_proxy.m_lineTaken; });
+        if (m_taken)
+            m_proxy.m_lineTaken = true;
+    }
+    ~Exchange()
+    {
+        if (!m_taken)
+            return;
+        {
+            const std::lock_guard<std::mutex> lock(m_proxy.m_lineMutex);
+            m_proxy.m_lineTaken = false;
+        }
+        m_proxy.m_lineFree.notify_one();
+    }
+    Exchange(const Exchange &) = delete;
+    Exchange &operator=(const Exchange &) = delete;
+
+    bool taken() const { return m_taken; }
+
+private:
+    FrontEndProxy &m_proxy;
+    bool m_taken = false;
+};
+
 FrontEndProxy::FrontEndProxy(QObject *parent)
     : PortProxy(QByteArrayLiteral("frontend"), parent)
 {
@@ -13,9 +45,9 @@ FrontEndProxy::~FrontEndProxy() = default;
 qint64 FrontEndProxy::write(const char *data, qint64 size)
 {
     const QDeadlineTimer deadline(commandLimitMs, Qt::PreciseTimer);
-    if (!m_exchange.try_lock_for(std::chrono::milliseconds(commandLimitMs)))
+    const Exchange line(*this, std::chrono::milliseconds(commandLimitMs));
+    if (!line.taken())
         return -1;
-    const std::lock_guard<std::timed_mutex> lock(m_exchange, std::adopt_lock);
     QByteArray answer;
     if (exchange(data, size, deadline, &answer) != Io::Done)
         return -1;
@@ -34,9 +66,9 @@ qint64 FrontEndProxy::read(char *data, qint64 maxSize)
 qint64 FrontEndProxy::ioctl(char *request, int requestSize, char *reply, quint32 replySize, quint32 timeoutMs)
 {
     const QDeadlineTimer deadline(qint64(timeoutMs), Qt::PreciseTimer);
-    if (!m_exchange.try_lock_for(std::chrono::milliseconds(timeoutMs)))
+    const Exchange line(*this, std::chrono::milliseconds(timeoutMs));
+    if (!line.taken())
         return -1;
-    const std::lock_guard<std::timed_mutex> lock(m_exchange, std::adopt_lock);
     QByteArray answer;
     if (exchange(request, requestSize, deadline, &answer) != Io::Done)
         return -1;

@@ -2,6 +2,8 @@
 
 #include "portproxy.h"
 
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 /// The proxy of the board's front end, a controller on a serial line that takes one text
@@ -36,12 +38,19 @@ public:
     static constexpr int commandLimitMs = 10000;
 
 private:
-    // Sends one line and reads its answer until @p deadline; the caller holds m_exchange.
+    class Exchange;
+
+    // Sends one line and reads its answer until @p deadline; the caller holds the line.
     Io exchange(const char *data, qint64 size, QDeadlineTimer deadline, QByteArray *answer);
     Io readLine(QByteArray *line, QDeadlineTimer deadline);
 
-    std::timed_mutex m_exchange;
-    // Guarded by m_exchange: bytes read beyond the last answer, and how many answers are
+    // Who holds the line: a flag under a mutex, waited for with a time-out. (A timed
+    // std::timed_mutex would do as well, but the thread sanitizer of this tool chain does
+    // not see its timed lock and reports every unlock.)
+    std::mutex m_lineMutex;
+    std::condition_variable m_lineFree;
+    bool m_lineTaken = false;
+    // Owned with the line: bytes read beyond the last answer, and how many answers are
     // still due to exchanges that gave up waiting. The front end answers every line in
     // order, so skipping that many answers keeps each exchange with its own.
     QByteArray m_input;
