@@ -45,7 +45,6 @@ int openNode(const QString &nodePath)
 
 PortProxy::PortProxy(const QByteArray &port, QObject *parent)
     : Pal::KrAbstractDeviceProxy(parent)
-    , m_port(port)
 {
     const QString nodePath = BoardWiring::nodePath(port);
     if (nodePath.isEmpty()) {
@@ -63,11 +62,6 @@ PortProxy::~PortProxy()
 {
     if (m_descriptor >= 0)
         ::close(m_descriptor);
-}
-
-const QByteArray &PortProxy::port() const
-{
-    return m_port;
 }
 
 bool PortProxy::isOpen() const

@@ -14,7 +14,6 @@ class PortProxy : public Pal::KrAbstractDeviceProxy
 public:
     ~PortProxy() override;
 
-    const QByteArray &port() const;
     bool isOpen() const;
 
 protected:
@@ -44,6 +43,5 @@ protected:
 private:
     Io waitFor(short events, QDeadlineTimer deadline);
 
-    const QByteArray m_port;
     int m_descriptor = -1;
 };

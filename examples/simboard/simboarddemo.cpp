@@ -22,6 +22,7 @@
 #include <pal/tcxocaldevice.h>
 
 #include <QDateTime>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
@@ -166,9 +167,10 @@ SimBoardDemo::SimBoardDemo(const DemoSettings &settings, RunLog &log)
 
 SimBoardDemo::~SimBoardDemo()
 {
-    // Whatever a failed step left behind.
-    Pal::KrPalApplicationManager::remove(applicationName);
+    // Whatever a failed step left behind. The instrument goes first: closing its lines ends
+    // any command still waiting for an answer, which the devices' destructors wait for.
     m_instrument.stop();
+    Pal::KrPalApplicationManager::remove(applicationName);
 }
 
 void SimBoardDemo::run()
@@ -527,7 +529,7 @@ void SimBoardDemo::streamSamples()
     m_log.check(m_instrument.samplesDropped() == 0,
         QStringLiteral("the ADC dropped %1 samples that nobody read").arg(m_instrument.samplesDropped()));
 
-    m_streamSummary = QJsonObject{{QStringLiteral("seconds"), seconds},
+    m_streamSummary = QJsonObject{{QStringLiteral("seconds"), qRound(seconds * 1000) / 1000.0},
         {QStringLiteral("buffers"), qint64(samples.buffers)}, {QStringLiteral("bufferSize"), m_settings.bufferSize},
         {QStringLiteral("bytes"), qint64(bytes)}, {QStringLiteral("samples"), qint64(samples.samples)},
         {QStringLiteral("mismatches"), qint64(samples.mismatches)}, {QStringLiteral("announced"), announced.load()}};
