@@ -61,6 +61,7 @@ private Q_SLOTS:
     void textRunWalksEveryStep();
     void jsonRunRecordsWhatTheLibraryDid();
     void calibrationFileStaysWhereAsked();
+    void failedStepsAreNamed();
     void badOptions_data();
     void badOptions();
     void help();
@@ -239,6 +240,23 @@ void TestKrPalDemo::calibrationFileStaysWhereAsked()
     QCOMPARE(run.exitCode, 0);
     build = step(QJsonDocument::fromJson(run.out).object(), QStringLiteral("build"));
     QCOMPARE(build.value(QLatin1String("messages")).toArray(), QJsonArray());
+}
+
+void TestKrPalDemo::failedStepsAreNamed()
+{
+    // A regular file where the calibration's directory should be: the three TCXO steps fail,
+    // the others still run.
+    QTemporaryDir directory;
+    QVERIFY(directory.isValid());
+    QFile plain(directory.filePath(QStringLiteral("plain")));
+    QVERIFY(plain.open(QIODevice::WriteOnly));
+    plain.close();
+    const Run run = runDemo({QStringLiteral("--duration"), QStringLiteral("0.1"), QStringLiteral("--tcxo-file"),
+        directory.filePath(QStringLiteral("plain/tcxo.cal"))});
+    QCOMPARE(run.exitCode, 1);
+    QCOMPARE(run.err, QByteArray("krpal-demo: failed steps: tcxo-create, tcxo-read, tcxo-field\n"));
+    QVERIFY(run.out.contains("\n   FAILED: the file does not hold the nine lines of the factory calibration\n"));
+    QVERIFY(run.out.endsWith("\n3 of 12 steps failed: tcxo-create, tcxo-read, tcxo-field.\n"));
 }
 
 void TestKrPalDemo::badOptions_data()

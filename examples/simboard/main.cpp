@@ -131,7 +131,9 @@ int main(int argc, char *argv[])
         std::printf("%lld of %d steps failed: %s.\n", qint64(failed.size()), log.stepCount(),
             qPrintable(failed.join(QLatin1String(", "))));
     }
-    if (!failed.isEmpty())
-        printError(QStringLiteral("failed step: ") + failed.join(QLatin1String(", ")));
+    if (!failed.isEmpty()) {
+        printError((failed.size() == 1 ? QStringLiteral("failed step: ") : QStringLiteral("failed steps: "))
+            + failed.join(QLatin1String(", ")));
+    }
     return failed.isEmpty() ? 0 : 1;
 }
