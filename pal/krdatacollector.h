@@ -41,7 +41,8 @@ public:
     /// Always true. Does nothing when already started.
     bool start();
     /// Always true. Does nothing when not started; otherwise returns once the worker is
-    /// parked, after the pass in progress.
+    /// parked, after the pass in progress. A start() that came before the worker first parked
+    /// leaves a spare wake-up: up to two passes may then still emit after stop() returned.
     bool stop();
     bool hasStarted() const;
 

@@ -30,7 +30,13 @@ KrDataCollectorWorker::KrDataCollectorWorker(
         qCritical("Pal::KrDataCollectorWorker: no device proxy given; this data collector will never poll");
 }
 
-KrDataCollectorWorker::~KrDataCollectorWorker() = default;
+KrDataCollectorWorker::~KrDataCollectorWorker()
+{
+    // The owner deletes the worker only after run() has returned. Reading the flag that run()
+    // sets last shows that order in the library's own code too, and not only inside
+    // QThread::wait(), where race checkers cannot see it.
+    static_cast<void>(m_idle.load(std::memory_order_acquire));
+}
 
 void KrDataCollectorWorker::start()
 {
@@ -70,7 +76,7 @@ void KrDataCollectorWorker::run()
         // Nothing to poll. Stay parked, with the idle flag set, so stop() returns at once.
         while (!m_abort.load(std::memory_order_acquire))
             m_wakeSemaphore.acquire();
-        QThread::currentThread()->quit();
+        finish();
         return;
     }
 
@@ -97,6 +103,13 @@ void KrDataCollectorWorker::run()
             Q_EMIT gotData(buffer);
         }
     }
+    finish();
+}
+
+void KrDataCollectorWorker::finish()
+{
+    // An ended worker is idle for good: a late stop() returns at once.
+    m_idle.store(true);
     // QThread::run() enters its event loop once this started handler returns; quitting
     // first makes that loop end at once, so the thread finishes with run().
     QThread::currentThread()->quit();

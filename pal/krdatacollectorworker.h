@@ -37,7 +37,9 @@ Q_SIGNALS:
 
 public Q_SLOTS:
     void start();
-    /// Busy-waits until the worker is parked, which takes at most the pass in progress.
+    /// Busy-waits until the worker is parked, which takes at most the pass in progress. A
+    /// worker that has not parked since a start() before its first park still counts as idle:
+    /// then stop() returns at once, and that pass and one more may still emit.
     void stop();
     /// The polling loop; returns, and quits the current thread, once abort() was called.
     void run();
@@ -47,6 +49,8 @@ public Q_SLOTS:
     uint dataBufferSize() const;
 
 private:
+    void finish();
+
     KrAbstractDeviceProxy *m_deviceProxy;
     QSemaphore m_wakeSemaphore;
     // The flags cross threads without a lock. The stop request and the idle flag form a

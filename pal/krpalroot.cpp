@@ -50,7 +50,7 @@ StatusCode KrPalRoot::addDeviceAbstraction(
 KrDeviceAbstraction *KrPalRoot::deviceAbstraction(const char *key)
 {
     const QByteArray keyBytes(key);
-    // constFind: a lookup must never detach the shared registry.
+    // constFind: lookups run on several threads at once and must never detach the registry.
     const auto entry = m_deviceAbstractions.constFind(keyBytes);
     if (entry != m_deviceAbstractions.constEnd())
         return entry->get();

@@ -6,8 +6,10 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
+#include <QSaveFile>
 #include <QTextStream>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace Pal {
@@ -21,7 +23,8 @@ const QFileDevice::Permissions calFilePermissions
 // The characters a value may consist of; any other character, "E" included, ends it.
 const QLatin1String valueRun("[-\\d.+e]*");
 
-// The key is inserted as a pattern, unescaped, so that every caller finds values alike.
+// The key goes into the pattern unescaped. The nine keys hold no pattern characters, so only
+// a caller's own key passed to getValue can act as a pattern.
 QRegularExpression valueExpression(const QString &key)
 {
     return QRegularExpression(key + QLatin1String("(?<value>") + valueRun + QLatin1Char(')'));
@@ -94,13 +97,34 @@ struct RecordExpressions
     QRegularExpression refSourceDisplay = valueExpression(refSourceDisplayKey);
 };
 
-// The calibration must survive a power cut right after the call, so the written text goes
-// to storage before the file is closed, not only into the page cache.
-void syncAndClose(QFile &file)
+// A renamed file is only durable once its directory entry is.
+void syncDirectoryOf(const QString &path)
 {
-    file.flush();
-    ::fsync(file.handle());
-    file.close();
+    const int fd
+        = ::open(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    ::fsync(fd);
+    ::close(fd);
+}
+
+// Replaces the whole file in one step: the text goes to a temporary file beside it, is
+// synced to storage, and is renamed over the file. A power cut, a crash or a full disk
+// therefore leaves either the old calibration or the new one, never an empty or half-written
+// file. Only where the directory cannot take the temporary file is the file written in place.
+void replaceContent(const QString &path, const QByteArray &bytes)
+{
+    QSaveFile file(path);
+    file.setDirectWriteFallback(true);
+    if (!file.open(QIODevice::WriteOnly))
+        return;
+    file.setPermissions(calFilePermissions);
+    // Qt 5's commit() renames even when the flush that it does first fails part-way, so
+    // the write is flushed and checked here, and a short one is cancelled.
+    if (file.write(bytes) != bytes.size() || !file.flush())
+        file.cancelWriting();
+    if (file.commit())
+        syncDirectoryOf(path);
 }
 
 } // namespace
@@ -121,14 +145,10 @@ void TcxoCalDevice::createTcxoCalFile(TcxoCalFactors factors)
     m_fieldTcxo = static_cast<quint16>(factors.fieldTcxo);
     if (!calDirectoryExists())
         return;
-    QFile file(calibrationFile());
-    file.setPermissions(calFilePermissions);
-    file.resize(0);
-    if (!file.open(QIODevice::ReadWrite))
-        return;
+    QByteArray bytes;
     {
         // A default stream writes numbers in the C locale whatever the process's locale.
-        QTextStream stream(&file);
+        QTextStream stream(&bytes, QIODevice::WriteOnly);
         stream << QLatin1String(factoryTcxoKey) << factors.factoryTcxo << '\n'
                << QLatin1String(factoryTemperatureKey) << factors.factoryTemperature << '\n'
                << QLatin1String(factoryTuningSensitivityKey) << factors.factoryTuningSensitivity << '\n'
@@ -138,9 +158,8 @@ void TcxoCalDevice::createTcxoCalFile(TcxoCalFactors factors)
                << QLatin1String(fieldFixTimeKey) << factors.fieldFixTime << '\n'
                << QLatin1String(fixDecayTimeKey) << factors.fixDecayTime << '\n'
                << QLatin1String(refSourceDisplayKey) << factors.refSourceDisplay;
-        stream.flush();
     }
-    syncAndClose(file);
+    replaceContent(calibrationFile(), bytes);
 }
 
 bool TcxoCalDevice::getTcxoCalFactors(TcxoCalFactors &factors) const
@@ -222,6 +241,7 @@ void TcxoCalDevice::updateTcxoCalFile(int dacValue, std::function<void(QString &
     if (!file.open(QIODevice::ReadWrite))
         return;
     const QByteArray bytes = file.readAll();
+    file.close();
     if (bytes.contains('\0')) {
         // Only the text before the NUL byte could be edited: rewriting the file would lose the rest.
         critical() << "Not updating file holding a NUL byte:" << file.fileName();
@@ -239,9 +259,7 @@ void TcxoCalDevice::updateTcxoCalFile(int dacValue, std::function<void(QString &
     replaceValue(text, fieldTcxo, QString::number(qint64(dacValue)));
     editFunction(text);
 
-    file.resize(0);
-    file.write(text.toUtf8());
-    syncAndClose(file);
+    replaceContent(calibrationFile(), text.toUtf8());
 }
 
 } // namespace Pal

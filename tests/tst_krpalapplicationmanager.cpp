@@ -13,8 +13,6 @@ using Pal::KrPalRoot;
 
 namespace {
 
-const QStringList usedNames{"a", "b", "c", "App", "app", ""};
-
 // Counts the devices alive, so a test sees whether every root it registered was released.
 class CountedDevice : public Pal::KrDeviceAbstraction
 {
@@ -38,6 +36,13 @@ QSharedPointer<KrPalRoot> makeRoot(const QString &name)
     return root;
 }
 
+// Whether the registry holds, under @p name, a root made by makeRoot(name).
+bool holds(const QString &name)
+{
+    const QSharedPointer<KrPalRoot> root = KrPalApplicationManager::application(name);
+    return root && root->deviceAbstraction(name.toUtf8().constData())->id() == name.toUtf8();
+}
+
 } // namespace
 
 class TestKrPalApplicationManager : public QObject
@@ -46,86 +51,51 @@ class TestKrPalApplicationManager : public QObject
 private Q_SLOTS:
     void cleanup()
     {
-        for (const QString &name : usedNames)
+        for (const QString &name : {QStringLiteral("a"), QStringLiteral("App"), QStringLiteral("app"), QString()})
             KrPalApplicationManager::remove(name);
         QCOMPARE(CountedDevice::s_live.load(), 0);
     }
 
-    void emptyRegistry()
+    void replaceAndRemove()
     {
         QVERIFY(!KrPalApplicationManager::application("a"));
         QVERIFY(!KrPalApplicationManager::loaded("a"));
-    }
-
-    void replaceReleasesEarlierRoot()
-    {
         QSharedPointer<KrPalRoot> first = makeRoot("a");
         const QWeakPointer<KrPalRoot> firstWeak = first;
-        QVERIFY(KrPalApplicationManager::add("a", std::move(first)));
+        QVERIFY(KrPalApplicationManager::add("a", first));
+        QVERIFY(KrPalApplicationManager::add("a", first));
+        first.reset();
+        QVERIFY(!firstWeak.isNull());
+
         const QSharedPointer<KrPalRoot> second = makeRoot("a");
         QVERIFY(KrPalApplicationManager::add("a", second));
+        // The same root added twice was held once.
         QVERIFY(firstWeak.isNull());
-        QCOMPARE(KrPalApplicationManager::application("a"), second);
-    }
-
-    void sameRootTwiceHoldsOneReference()
-    {
-        QSharedPointer<KrPalRoot> root = makeRoot("a");
-        const QWeakPointer<KrPalRoot> weak = root;
-        KrPalApplicationManager::add("a", root);
-        KrPalApplicationManager::add("a", root);
-        root.reset();
-        QVERIFY(!weak.isNull());
-        KrPalApplicationManager::remove("a");
-        QVERIFY(weak.isNull());
-    }
-
-    void removeUnknownNameChangesNothing()
-    {
-        const QSharedPointer<KrPalRoot> root = makeRoot("a");
-        KrPalApplicationManager::add("a", root);
         KrPalApplicationManager::remove("b");
-        QVERIFY(KrPalApplicationManager::loaded("a"));
-        QCOMPARE(KrPalApplicationManager::application("a"), root);
-    }
+        QCOMPARE(KrPalApplicationManager::application("a"), second);
 
-    void nullRootIsLoaded()
-    {
-        KrPalApplicationManager::add("a", QSharedPointer<KrPalRoot>());
-        QVERIFY(KrPalApplicationManager::loaded("a"));
-        QVERIFY(!KrPalApplicationManager::application("a"));
-    }
-
-    void namesAreExact()
-    {
-        const QStringList names{"App", "app", ""};
-        for (const QString &name : names)
-            KrPalApplicationManager::add(name, makeRoot(name));
-        for (const QString &name : names) {
-            const QSharedPointer<KrPalRoot> root = KrPalApplicationManager::application(name);
-            QVERIFY(root);
-            QCOMPARE(root->deviceAbstraction(name.toUtf8().constData())->id(), name.toUtf8());
-        }
-        QVERIFY(!KrPalApplicationManager::loaded("APP"));
-        QVERIFY(!KrPalApplicationManager::loaded(" app"));
-    }
-
-    void lookupKeepsRootAliveAfterRemove()
-    {
-        KrPalApplicationManager::add("a", makeRoot("a"));
-        QSharedPointer<KrPalRoot> root = KrPalApplicationManager::application("a");
         KrPalApplicationManager::remove("a");
         QVERIFY(!KrPalApplicationManager::loaded("a"));
         QCOMPARE(CountedDevice::s_live.load(), 1);
-        root.reset();
-        QCOMPARE(CountedDevice::s_live.load(), 0);
     }
 
-    // Several threads add, replace, remove and look up the same few names at once. Every root
-    // found must be whole, and every root must be released in the end.
+    void namesAndNullRoots()
+    {
+        KrPalApplicationManager::add("App", makeRoot("App"));
+        KrPalApplicationManager::add("app", makeRoot("app"));
+        KrPalApplicationManager::add(QString(), makeRoot(QString()));
+        KrPalApplicationManager::add("a", QSharedPointer<KrPalRoot>());
+        QVERIFY(holds("App") && holds("app") && holds(QString()));
+        QVERIFY(!KrPalApplicationManager::loaded("APP") && !KrPalApplicationManager::loaded("app "));
+        QVERIFY(KrPalApplicationManager::loaded("a"));
+        QVERIFY(!KrPalApplicationManager::application("a"));
+    }
+
+    // Threads add, replace, remove and look up the same few names at once; every root found
+    // is whole, and every root is released in the end (see cleanup()).
     void concurrentUse()
     {
-        const QStringList names{"a", "b", "c"};
+        const QStringList names{"a", "App", "app"};
         const int threadCount = 4;
         const int operations = 20000;
         std::atomic<int> rootsFound{0};
@@ -142,10 +112,9 @@ private Q_SLOTS:
                         KrPalApplicationManager::add(name, makeRoot(name));
                         break;
                     case 1:
-                        if (const QSharedPointer<KrPalRoot> root = KrPalApplicationManager::application(name)) {
+                        if (const auto root = KrPalApplicationManager::application(name)) {
                             ++rootsFound;
-                            if (root->deviceAbstraction(name.toUtf8().constData())->id() != name.toUtf8())
-                                ++brokenRoots;
+                            brokenRoots += root->deviceAbstraction(name.toUtf8().constData())->id() != name.toUtf8();
                         }
                         break;
                     case 2:
@@ -161,7 +130,6 @@ private Q_SLOTS:
         go.release(threadCount);
         for (const auto &thread : threads)
             QVERIFY(thread->wait(60000));
-
         QVERIFY(rootsFound > 0);
         QCOMPARE(brokenRoots.load(), 0);
     }

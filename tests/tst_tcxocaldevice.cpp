@@ -16,6 +16,9 @@
 #include <cmath>
 #include <cstdio>
 
+#include <csignal>
+
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 using Pal::TcxoCalDevice;
@@ -107,14 +110,37 @@ private Q_SLOTS:
         const mode_t oldMask = ::umask(022);
         device.createTcxoCalFile(Factors{1, 2, 3, 4, 5, 6, 7.5e12f, 8, 9});
         ::umask(oldMask);
-        // A file new to the first write gets the creation mode; 0604 comes with the next write.
-        QCOMPARE(modeOf(path), 0644);
+        QCOMPARE(modeOf(path), 0604);
         device.createTcxoCalFile(example);
         QCOMPARE(modeOf(path), 0604);
         QCOMPARE(contentOf(path), exampleBytes);
         QVERIFY(::chmod(QFile::encodeName(path).constData(), 0644) == 0);
         device.updateTcxoFieldCal(2052);
         QCOMPARE(modeOf(path), 0604);
+    }
+
+    // A write that cannot finish (here the file size limit, as a full disk would) must leave
+    // the previous calibration byte for byte, never an empty or half-written file.
+    void interruptedWriteKeepsPreviousCalibration()
+    {
+        QTemporaryDir dir;
+        const QString path = dir.filePath("tcxo.cal");
+        TcxoCalDevice device("tcxo", path);
+        device.createTcxoCalFile(example);
+
+        struct rlimit previous;
+        QVERIFY(::getrlimit(RLIMIT_FSIZE, &previous) == 0);
+        const auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit small = previous;
+        small.rlim_cur = 100;
+        QVERIFY(::setrlimit(RLIMIT_FSIZE, &small) == 0);
+        device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
+        device.createTcxoCalFile(Factors{1, 2, 3, 4, 5, 6, 7, 8, 9});
+        ::setrlimit(RLIMIT_FSIZE, &previous);
+        std::signal(SIGXFSZ, previousHandler);
+
+        QCOMPARE(contentOf(path), exampleBytes);
+        QCOMPARE(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden), QStringList{"tcxo.cal"});
     }
 
     void fieldCalibrationRewritesFieldLines()
