@@ -628,7 +628,8 @@ void SimBoardDemo::updateFieldCalibration()
     struct stat status = {};
     const bool stated = ::stat(QFile::encodeName(m_tcxoFile).constData(), &status) == 0;
     const int mode = int(status.st_mode & 07777);
-    m_log.say(QStringLiteral("The file has mode %1: its owner reads and writes it, others read it.").arg(mode, 4, 8, QLatin1Char('0')));
+    m_log.say(QStringLiteral("The file has mode %1: its owner reads and writes it, others read it.")
+                  .arg(mode, 4, 8, QLatin1Char('0')));
     m_log.check(stated && mode == 0604, QStringLiteral("the calibration file should have mode 0604"));
 
     const QString cached = tcxo->getValue(QLatin1String(Pal::fieldTcxoKey), true);
