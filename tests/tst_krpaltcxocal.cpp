@@ -4,6 +4,7 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -94,6 +95,7 @@ private Q_SLOTS:
     void commands_data();
     void commands();
     void fieldCalibration();
+    void symbolicLinkStaysALink();
 };
 
 // Each case runs one command in an empty directory. "%d" in arguments and texts stands for
@@ -312,6 +314,25 @@ void TestKrPalTcxoCal::fieldCalibration()
         "FIELD_FIX_TIME=1.7e+12  ->  "
             + fixLine + "\nupdated " + QFile::encodeName(file) + '\n');
     QCOMPARE(modeOf(file), 0604);
+}
+
+void TestKrPalTcxoCal::symbolicLinkStaysALink()
+{
+    QTemporaryDir directory;
+    QVERIFY(directory.isValid());
+    const QString target = directory.filePath(QStringLiteral("tcxo-board1.cal"));
+    const QString link = directory.filePath(QStringLiteral("tcxo.cal"));
+    writeFile(target, example);
+    QVERIFY(QFile::link(target, link));
+
+    Run run = runTool({QStringLiteral("field"), link, QStringLiteral("2060")});
+    QCOMPARE(run.exitCode, 0);
+    run = runTool({QStringLiteral("create"), link, QStringLiteral("--force"), QStringLiteral("--field-tcxo"),
+        QStringLiteral("9")});
+    QCOMPARE(run.exitCode, 0);
+    QCOMPARE(QFileInfo(link).symLinkTarget(), target);
+    QVERIFY(readFile(target).startsWith(
+        "FACTORY_TCXO=0\nFACTORY_TEMPERATURE=0\nFACTORY_TUNING_SENSITIVITY=0\nFIELD_TCXO=9\n"));
 }
 
 QTEST_GUILESS_MAIN(TestKrPalTcxoCal)

@@ -102,6 +102,14 @@ QString temporaryTemplate(const QFileInfo &file)
     return file.absolutePath() + QLatin1String("/.") + file.fileName() + QLatin1String(".XXXXXX");
 }
 
+// The file that a write replaces: a symbolic link's target, so that the link stays a link,
+// as the device itself writes through links.
+QFileInfo replacedFile(const QString &file)
+{
+    const QFileInfo info(file);
+    return info.isSymLink() && info.exists() ? QFileInfo(info.canonicalFilePath()) : info;
+}
+
 QStringList linesOf(const QString &path)
 {
     QFile file(path);
@@ -295,7 +303,7 @@ int TcxoCalTool::create(const QString &file, const QCommandLineParser &parser)
         }
     }
 
-    const QFileInfo info(file);
+    const QFileInfo info = replacedFile(file);
     if (info.isDir())
         return fail(QStringLiteral("%1 is a directory").arg(file), Failed);
     if (info.exists() && !parser.isSet(QStringLiteral("force")))
@@ -317,7 +325,7 @@ int TcxoCalTool::create(const QString &file, const QCommandLineParser &parser)
         if (!device.getTcxoCalFactors(written))
             return fail(QStringLiteral("could not write the calibration in %1").arg(info.absolutePath()), Failed);
     }
-    if (!replace(temporary.fileName(), file))
+    if (!replace(temporary.fileName(), info.filePath()))
         return Failed;
     temporary.setAutoRemove(false);
     m_out << "created " << file << ":\n";
@@ -357,7 +365,7 @@ int TcxoCalTool::field(const QString &file, const QString &dac, const QCommandLi
     if (bytes.contains('\0'))
         return fail(QStringLiteral("%1 holds a NUL byte; it is not rewritten").arg(file), Failed);
 
-    const QFileInfo info(file);
+    const QFileInfo info = replacedFile(file);
     QTemporaryFile temporary(temporaryTemplate(info));
     if (!temporary.open() || temporary.write(bytes) != bytes.size() || !temporary.flush()) {
         return fail(
@@ -385,7 +393,7 @@ int TcxoCalTool::field(const QString &file, const QString &dac, const QCommandLi
         m_out << '\n';
         return Done;
     }
-    if (!replace(temporary.fileName(), file))
+    if (!replace(temporary.fileName(), info.filePath()))
         return Failed;
     temporary.setAutoRemove(false);
     for (int i = 0; i < qMin(before.size(), after.size()); ++i) {
