@@ -81,6 +81,11 @@ applications against libKrPal.")
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME krpal-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION misc)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+# dpkg-shlibdeps cannot resolve libKrPal for the tools, since no installed package holds it
+# yet: the tools name their one further library by hand, and the runtime package, which they
+# require in exactly their version, brings the C and C++ libraries.
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libqt5core5a (>= 5.15)")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "${PROJECT_DESCRIPTION} (demo and tools)
 The simulated board demo and the command-line tools of libKrPal.")
 
