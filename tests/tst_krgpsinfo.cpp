@@ -35,9 +35,9 @@ private Q_SLOTS:
         QCOMPARE(describe(info), QString("0|0|0|0|0"));
         info.setGpsPostionInfo(munich);
         QCOMPARE(describe(info), QString("1|0|0|0|1"));
+        info.setHasDate(true);
         info.setNumberSatellites(65535);
         info.setGpsFix(true);
-        info.setHasDate(true);
         QCOMPARE(describe(info), QString("1|1|65535|1|1"));
         info.setGpsPostionInfo(QGeoPositionInfo());
         QCOMPARE(describe(info), QString("0|1|65535|1|0"));
