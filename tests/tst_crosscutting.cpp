@@ -101,8 +101,6 @@ private Q_SLOTS:
             mutex.lock();
             held.release();
             s_criticalSeen.acquire();
-            // Only widens the window in which a lock() that gave up would return too early.
-            QThread::msleep(20);
             released = true;
             mutex.unlock();
         });
