@@ -3,6 +3,8 @@
 #include <QStringList>
 #include <QtGlobal>
 
+#include <utility>
+
 /// Records Qt's message log while it lives, one entry per message: "<level> <category>: <text>",
 /// followed by " @<file>" when the message carries a source context. Single-threaded use only.
 class MessageRecorder
@@ -16,22 +18,14 @@ public:
     ~MessageRecorder() { qInstallMessageHandler(m_previous); }
     Q_DISABLE_COPY(MessageRecorder)
 
-    QStringList takeMessages()
-    {
-        const QStringList messages = s_messages;
-        s_messages.clear();
-        return messages;
-    }
+    QStringList takeMessages() { return std::exchange(s_messages, {}); }
 
 private:
     static void record(QtMsgType type, const QMessageLogContext &context, const QString &text)
     {
         static const char *const levels[] = {"debug", "warning", "critical", "fatal", "info"};
-        QString entry = QString::fromLatin1(levels[type]) + QLatin1Char(' ')
-            + QString::fromLatin1(context.category ? context.category : "") + QLatin1String(": ") + text;
-        if (context.file)
-            entry += QLatin1String(" @") + QString::fromLatin1(context.file);
-        s_messages << entry;
+        s_messages << QString::asprintf("%s %s: ", levels[type], context.category ? context.category : "") + text
+                + (context.file ? QStringLiteral(" @") + QString::fromLatin1(context.file) : QString());
     }
 
     inline static QStringList s_messages;

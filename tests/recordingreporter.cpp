@@ -12,18 +12,11 @@ bool Report::operator==(const Report &other) const
 
 char *toString(const Report &report)
 {
-    QString argumentList;
-    for (const QString &argument : report.arguments)
-        argumentList += QLatin1String(" [") + argument + QLatin1Char(']');
     const QString text
-        = QStringLiteral("Report{code=%1 file=%2 line=%3 function=%4 text=%5 arguments:%6}")
-              .arg(report.code)
-              .arg(report.fileName)
-              .arg(report.line)
-              .arg(report.function)
-              .arg(report.text.isNull() ? QStringLiteral("<null>") : QLatin1Char('"') + report.text + QLatin1Char('"'))
-              .arg(argumentList);
-    return qstrdup(text.toUtf8().constData());
+        = report.text.isNull() ? QStringLiteral("<null>") : QLatin1Char('"') + report.text + QLatin1Char('"');
+    return qstrdup(qPrintable(QStringLiteral("Report{code=%1 file=%2 line=%3 function=%4 text=%5 arguments=[%6]}")
+                                  .arg(QString::number(report.code), report.fileName, QString::number(report.line),
+                                      report.function, text, report.arguments.join(QLatin1String("] [")))));
 }
 
 RecordingReporter::RecordingReporter(StatusCode result)
@@ -40,15 +33,9 @@ RecordingReporter::~RecordingReporter()
 StatusCode RecordingReporter::reportStatus(StatusCode statusCode, Crosscutting::KrSourceContext *context)
 {
     const std::unique_ptr<Crosscutting::KrSourceContext> owned(context);
-    Report report;
-    report.code = statusCode;
-    report.fileName = owned->fileName();
-    report.line = owned->line();
-    report.function = owned->function();
-    report.arguments = owned->arguments();
-    report.text = owned->text();
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_reports.append(report);
+    m_reports.append(
+        {statusCode, owned->fileName(), owned->line(), owned->function(), owned->arguments(), owned->text()});
     return m_result < 0 ? statusCode : m_result;
 }
 

@@ -3,6 +3,7 @@
 #include <pal/tcxocaldevice.h>
 
 #include <QDir>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <cstring>
@@ -19,14 +20,25 @@ inline bool operator==(const TcxoCalDevice::TcxoCalFactors &a, const TcxoCalDevi
 
 inline char *toString(const TcxoCalDevice::TcxoCalFactors &f)
 {
-    return qstrdup(QString::asprintf("{%u, %.9g, %.9g, %u, %.9g, %.9g, %.9g, %.9g, %.9g}", f.factoryTcxo,
+    return qstrdup(qPrintable(QString::asprintf("{%u, %.9g, %.9g, %u, %.9g, %.9g, %.9g, %.9g, %.9g}", f.factoryTcxo,
         double(f.factoryTemperature), double(f.factoryTuningSensitivity), f.fieldTcxo, double(f.fieldTemperature),
-        double(f.fieldTuningSensitivity), double(f.fieldFixTime), double(f.fixDecayTime), double(f.refSourceDisplay))
-                       .toUtf8()
-                       .constData());
+        double(f.fieldTuningSensitivity), double(f.fieldFixTime), double(f.fixDecayTime), double(f.refSourceDisplay))));
 }
 
 } // namespace Pal
+
+/// What getValue() gives for each of the nine keys, in file order; "<null>" marks a null string.
+inline QStringList valueTexts(const Pal::TcxoCalDevice &device)
+{
+    QStringList texts;
+    for (const char *key : {Pal::factoryTcxoKey, Pal::factoryTemperatureKey, Pal::factoryTuningSensitivityKey,
+             Pal::fieldTcxoKey, Pal::fieldTemperatureKey, Pal::fieldTuningSensitivityKey, Pal::fieldFixTimeKey,
+             Pal::fixDecayTimeKey, Pal::refSourceDisplayKey}) {
+        const QString text = device.getValue(QString::fromLatin1(key), false);
+        texts << (text.isNull() ? QStringLiteral("<null>") : text);
+    }
+    return texts;
+}
 
 /// Makes @p path the working directory while it lives, so that relative calibration paths
 /// land in a test's own temporary directory.
@@ -46,4 +58,11 @@ public:
 private:
     const QString m_previous;
     const bool m_entered;
+};
+
+/// A new temporary directory that is the working directory while it lives.
+struct TemporaryWorkingDir
+{
+    QTemporaryDir dir;
+    ScopedCurrentDir current{dir.path()};
 };

@@ -20,13 +20,11 @@ TestProxy::~TestProxy()
 
 qint64 TestProxy::write(const char *data, qint64 size)
 {
-    const int inProgress = ++m_writesInProgress;
-    int seen = m_maxConcurrentWrites.load();
-    while (inProgress > seen && !m_maxConcurrentWrites.compare_exchange_weak(seen, inProgress)) { }
     const QByteArray bytes(data, int(size));
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_writes.append({bytes, QThread::currentThreadId()});
+        m_maxConcurrentWrites.store(qMax(m_maxConcurrentWrites.load(), ++m_writesInProgress));
     }
     const qint64 result = onWrite ? onWrite(bytes) : size;
     ++m_writeCount;

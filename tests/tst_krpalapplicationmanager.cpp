@@ -1,46 +1,27 @@
-#include <pal/krdeviceabstraction.h>
 #include <pal/krpalapplicationmanager.h>
 #include <pal/krpalroot.h>
 
 #include <QSemaphore>
 #include <QTest>
-#include <QThread>
 
 #include <atomic>
+#include <thread>
 
-using Pal::KrPalApplicationManager;
-using Pal::KrPalRoot;
+using Manager = Pal::KrPalApplicationManager;
 
 namespace {
 
-// Counts the devices alive, so a test sees whether every root it registered was released.
-class CountedDevice : public Pal::KrDeviceAbstraction
-{
-    Q_OBJECT
-public:
-    explicit CountedDevice(const QByteArray &id)
-        : KrDeviceAbstraction(id, nullptr)
-    {
-        ++s_live;
-    }
-    ~CountedDevice() override { --s_live; }
-    static std::atomic<int> s_live;
-};
-std::atomic<int> CountedDevice::s_live{0};
+const QStringList names{"a", "App", "app", QString()};
+std::atomic<int> s_liveRoots{0};
 
-// A root whose one device carries the application name as its key.
-QSharedPointer<KrPalRoot> makeRoot(const QString &name)
+// A root named after its application, counted while it lives.
+QSharedPointer<Pal::KrPalRoot> makeRoot(const QString &name)
 {
-    QSharedPointer<KrPalRoot> root(new KrPalRoot);
-    root->addDeviceAbstraction(name.toUtf8(), std::make_shared<CountedDevice>(name.toUtf8()));
+    QSharedPointer<Pal::KrPalRoot> root(new Pal::KrPalRoot);
+    root->setObjectName(name);
+    ++s_liveRoots;
+    QObject::connect(root.data(), &QObject::destroyed, [] { --s_liveRoots; });
     return root;
-}
-
-// Whether the registry holds, under @p name, a root made by makeRoot(name).
-bool holds(const QString &name)
-{
-    const QSharedPointer<KrPalRoot> root = KrPalApplicationManager::application(name);
-    return root && root->deviceAbstraction(name.toUtf8().constData())->id() == name.toUtf8();
 }
 
 } // namespace
@@ -49,88 +30,54 @@ class TestKrPalApplicationManager : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
+    // Every root registered is released in the end.
     void cleanup()
     {
-        for (const QString &name : {QStringLiteral("a"), QStringLiteral("App"), QStringLiteral("app"), QString()})
-            KrPalApplicationManager::remove(name);
-        QCOMPARE(CountedDevice::s_live.load(), 0);
+        for (const QString &name : names)
+            Manager::remove(name);
+        QCOMPARE(s_liveRoots.load(), 0);
     }
 
-    void replaceAndRemove()
+    // Names are compared exactly; a replaced or removed root is released; a null root is loaded.
+    void registry()
     {
-        QVERIFY(!KrPalApplicationManager::application("a"));
-        QVERIFY(!KrPalApplicationManager::loaded("a"));
-        QSharedPointer<KrPalRoot> first = makeRoot("a");
-        const QWeakPointer<KrPalRoot> firstWeak = first;
-        QVERIFY(KrPalApplicationManager::add("a", first));
-        QVERIFY(KrPalApplicationManager::add("a", first));
-        first.reset();
-        QVERIFY(!firstWeak.isNull());
-
-        const QSharedPointer<KrPalRoot> second = makeRoot("a");
-        QVERIFY(KrPalApplicationManager::add("a", second));
-        // The same root added twice was held once.
-        QVERIFY(firstWeak.isNull());
-        KrPalApplicationManager::remove("b");
-        QCOMPARE(KrPalApplicationManager::application("a"), second);
-
-        KrPalApplicationManager::remove("a");
-        QVERIFY(!KrPalApplicationManager::loaded("a"));
-        QCOMPARE(CountedDevice::s_live.load(), 1);
+        for (const QString &name : names + QStringList{"a"})
+            QVERIFY(Manager::add(name, makeRoot(name)));
+        for (const QString &name : names)
+            QVERIFY(Manager::application(name) && Manager::application(name)->objectName() == name);
+        Manager::remove("b");
+        Manager::remove("app");
+        QVERIFY(!Manager::loaded("APP") && !Manager::loaded("app ") && !Manager::loaded("app"));
+        QVERIFY(!Manager::application("app"));
+        Manager::add("a", {});
+        QVERIFY(Manager::loaded("a") && !Manager::application("a"));
+        QCOMPARE(s_liveRoots.load(), 2);
     }
 
-    void namesAndNullRoots()
-    {
-        KrPalApplicationManager::add("App", makeRoot("App"));
-        KrPalApplicationManager::add("app", makeRoot("app"));
-        KrPalApplicationManager::add(QString(), makeRoot(QString()));
-        KrPalApplicationManager::add("a", QSharedPointer<KrPalRoot>());
-        QVERIFY(holds("App") && holds("app") && holds(QString()));
-        QVERIFY(!KrPalApplicationManager::loaded("APP") && !KrPalApplicationManager::loaded("app "));
-        QVERIFY(KrPalApplicationManager::loaded("a"));
-        QVERIFY(!KrPalApplicationManager::application("a"));
-    }
-
-    // Threads add, replace, remove and look up the same few names at once; every root found
-    // is whole, and every root is released in the end (see cleanup()).
+    // Threads add, replace, remove and look up the same few names at once; every root found is whole.
     void concurrentUse()
     {
-        const QStringList names{"a", "App", "app"};
-        const int threadCount = 4;
-        const int operations = 20000;
-        std::atomic<int> rootsFound{0};
-        std::atomic<int> brokenRoots{0};
+        std::atomic<int> wholeRoots{0}, brokenRoots{0};
         QSemaphore go;
-        std::vector<std::unique_ptr<QThread>> threads;
-        for (int t = 0; t < threadCount; ++t) {
-            threads.emplace_back(QThread::create([&, t] {
+        std::vector<std::thread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&, t] {
                 go.acquire();
-                for (int i = 0; i < operations; ++i) {
-                    const QString &name = names.at((i + t) % names.size());
-                    switch ((i / names.size() + t) % 4) {
-                    case 0:
-                        KrPalApplicationManager::add(name, makeRoot(name));
-                        break;
-                    case 1:
-                        if (const auto root = KrPalApplicationManager::application(name)) {
-                            ++rootsFound;
-                            brokenRoots += root->deviceAbstraction(name.toUtf8().constData())->id() != name.toUtf8();
-                        }
-                        break;
-                    case 2:
-                        KrPalApplicationManager::remove(name);
-                        break;
-                    default:
-                        KrPalApplicationManager::loaded(name);
-                    }
+                for (int i = 0; i < 20000; ++i) {
+                    const QString &name = names.at((i + t) % 3);
+                    Manager::loaded(name);
+                    if ((i / 3 + t) % 3 == 0)
+                        Manager::add(name, makeRoot(name));
+                    else if ((i / 3 + t) % 3 == 1)
+                        Manager::remove(name);
+                    else if (const auto root = Manager::application(name))
+                        ++(root->objectName() == name ? wholeRoots : brokenRoots);
                 }
-            }));
-            threads.back()->start();
-        }
-        go.release(threadCount);
-        for (const auto &thread : threads)
-            QVERIFY(thread->wait(60000));
-        QVERIFY(rootsFound > 0);
+            });
+        go.release(4);
+        for (auto &thread : threads)
+            thread.join();
+        QVERIFY(wholeRoots > 0);
         QCOMPARE(brokenRoots.load(), 0);
     }
 };

@@ -6,46 +6,7 @@
 
 #include <QTest>
 
-using Pal::CommandFormatters;
-using Pal::KrAbstractDeviceProxy;
 using Pal::KrDeviceAbstraction;
-
-Q_DECLARE_METATYPE(Report)
-Q_DECLARE_METATYPE(const QMetaObject *)
-
-// Built by the factory; counts the devices alive.
-class CountingDevice : public KrDeviceAbstraction
-{
-    Q_OBJECT
-public:
-    Q_INVOKABLE CountingDevice(const QByteArray &id, KrAbstractDeviceProxy *deviceProxy, CommandFormatters &formatters)
-        : KrDeviceAbstraction(id, deviceProxy, formatters)
-    {
-        ++s_live;
-    }
-    ~CountingDevice() override { --s_live; }
-    static int s_live;
-};
-int CountingDevice::s_live = 0;
-
-// Lacks the formatters parameter, so the factory cannot build it.
-class KeyAndProxyDevice : public KrDeviceAbstraction
-{
-    Q_OBJECT
-public:
-    Q_INVOKABLE KeyAndProxyDevice(const QByteArray &id, KrAbstractDeviceProxy *deviceProxy)
-        : KrDeviceAbstraction(id, deviceProxy)
-    {
-    }
-};
-
-// Has no constructor callable without arguments.
-class ChannelProxy : public TestProxy
-{
-    Q_OBJECT
-public:
-    Q_INVOKABLE explicit ChannelProxy(int) { }
-};
 
 namespace {
 
@@ -55,6 +16,19 @@ const QString factoryFunction = QStringLiteral(
     "const");
 const QString addFunction = QStringLiteral(
     "StatusCode Pal::KrPalRoot::addDeviceAbstraction(const QByteArray&, std::shared_ptr<Pal::KrDeviceAbstraction>)");
+const QMetaObject *const proxyClass = &TestProxy::staticMetaObject;
+const QMetaObject *const deviceClass = &KrDeviceAbstraction::staticMetaObject;
+
+// The first @p count operations that building @p key asks for, as TestConfiguration records them.
+QStringList asked(const QString &key, int count = 4)
+{
+    return QStringList{"hook:" + key, "proxy:" + key, "device:" + key, "formatters:" + key}.mid(0, count);
+}
+
+Report unbuilt(quint64 line, const QString &className)
+{
+    return {50, configurationFile, line, factoryFunction, {className}};
+}
 
 Report notConstructed(const QString &key)
 {
@@ -63,202 +37,115 @@ Report notConstructed(const QString &key)
         {QStringLiteral("creating KrPalRoot"), QStringLiteral("device %1 couldn't be constructed").arg(key)}};
 }
 
-int liveProxies()
-{
-    return TestProxy::s_constructed - TestProxy::s_destroyed;
-}
-
-class KeysOnlyConfiguration : public Pal::KrPalConfiguration
+// Records every call of a virtual operation; a null class leaves the base's empty meta-object.
+class TestConfiguration : public Pal::KrPalConfiguration
 {
 public:
-    QList<QByteArray> deviceAbstractionIds() const override { return ids; }
     QList<QByteArray> ids;
-};
-
-// Records every call of a virtual operation as "operation:key".
-class TestConfiguration : public KeysOnlyConfiguration
-{
-public:
-    QMetaObject proxyClass = TestProxy::staticMetaObject;
-    QMetaObject deviceClass = CountingDevice::staticMetaObject;
     QList<QByteArray> handBuilt;
-    mutable QHash<QByteArray, KrDeviceAbstraction *> built;
+    const QMetaObject *proxyClass = nullptr;
+    const QMetaObject *deviceClass = nullptr;
     mutable QStringList calls;
 
+    QList<QByteArray> deviceAbstractionIds() const override { return ids; }
     std::shared_ptr<KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const override
     {
-        record("createDeviceAbstraction", id);
-        if (!handBuilt.contains(id))
-            return nullptr;
-        auto device = std::make_shared<KrDeviceAbstraction>(id, nullptr);
-        built.insert(id, device.get());
-        return device;
+        calls << "hook:" + QString(id);
+        return handBuilt.contains(id) ? std::make_shared<KrDeviceAbstraction>(id, nullptr)
+                                      : KrPalConfiguration::createDeviceAbstraction(id);
     }
     QMetaObject deviceProxy(const QByteArray &id) const override
     {
-        record("deviceProxy", id);
-        return proxyClass;
+        calls << "proxy:" + QString(id);
+        return proxyClass ? *proxyClass : KrPalConfiguration::deviceProxy(id);
     }
     QMetaObject deviceAbstraction(const QByteArray &id) const override
     {
-        record("deviceAbstraction", id);
-        return deviceClass;
+        calls << "device:" + QString(id);
+        return deviceClass ? *deviceClass : KrPalConfiguration::deviceAbstraction(id);
     }
-    CommandFormatters commandFormatters(const QByteArray &id) const override
+    Pal::CommandFormatters commandFormatters(const QByteArray &id) const override
     {
-        record("commandFormatters", id);
+        calls << "formatters:" + QString(id);
         return {{1, [](quint16, const QVariant &value) -> QByteArray { return "value " + value.toByteArray(); }}};
-    }
-
-private:
-    void record(const char *operation, const QByteArray &id) const
-    {
-        calls << QLatin1String(operation) + QLatin1Char(':') + QString::fromUtf8(id);
     }
 };
 
 } // namespace
 
+Q_DECLARE_METATYPE(Report)
+Q_DECLARE_METATYPE(QSharedPointer<TestConfiguration>)
+
 class TestKrPalConfiguration : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void routes_data()
+    void createPalRoot_data()
     {
-        QTest::addColumn<QList<QByteArray>>("handBuilt");
-        QTest::addColumn<QStringList>("expectedCalls");
-        const QStringList metaObjectRoute{"createDeviceAbstraction:adc", "deviceProxy:adc", "deviceAbstraction:adc",
-            "commandFormatters:adc", "createDeviceAbstraction:dac", "deviceProxy:dac", "deviceAbstraction:dac",
-            "commandFormatters:dac"};
-        QTest::newRow("meta-object route") << QList<QByteArray>() << metaObjectRoute;
-        QTest::newRow("hook builds all") << QList<QByteArray>{"adc", "dac"}
-                                         << QStringList{"createDeviceAbstraction:adc", "createDeviceAbstraction:dac"};
-        QTest::newRow("hook builds one") << QList<QByteArray>{"dac"} << QStringList(metaObjectRoute.mid(0, 5));
+        QTest::addColumn<QSharedPointer<TestConfiguration>>("configuration");
+        QTest::addColumn<QStringList>("calls");
+        QTest::addColumn<QList<Report>>("reports");
+        QTest::addColumn<QList<QByteArray>>("kept");
+        const auto row
+            = [](const char *name, const QList<QByteArray> &ids, const QStringList &calls, const QList<Report> &reports,
+                  const QList<QByteArray> &kept, const QMetaObject *proxy = proxyClass,
+                  const QMetaObject *device = deviceClass, const QList<QByteArray> &handBuilt = {}) {
+                  const auto configuration = QSharedPointer<TestConfiguration>::create();
+                  configuration->ids = ids;
+                  configuration->handBuilt = handBuilt;
+                  configuration->proxyClass = proxy;
+                  configuration->deviceClass = device;
+                  QTest::newRow(name) << configuration << calls << reports << kept;
+              };
+        // The hook is asked first for every key; the meta-object route only when it builds nothing.
+        row("meta-object route", {"adc", "dac"}, asked("adc") + asked("dac"), {}, {"adc", "dac"});
+        row("hook builds all", {"adc", "dac"}, asked("adc", 1) + asked("dac", 1), {}, {"adc", "dac"}, proxyClass,
+            deviceClass, {"adc", "dac"});
+        // Nothing but the hook is asked for an empty key.
+        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"),
+            {{39, configurationFile, 69, factoryFunction, {"deviceAbstractionId"}}, notConstructed("")}, {"a", "b"});
+        // The proxy built for a device that cannot be built is deleted.
+        row("device without the three-argument constructor, NUL in key", {QByteArray("ab\0cd", 5)}, asked("ab"),
+            {unbuilt(94, "TestProxy"), notConstructed("ab")}, {}, proxyClass, proxyClass);
+        row("empty device class", {"a"}, asked("a"), {unbuilt(94, ""), notConstructed("a")}, {}, proxyClass, nullptr);
+        row("proxy without a no-argument constructor", {"a"}, asked("a", 2),
+            {unbuilt(79, "Pal::KrDeviceAbstraction"), notConstructed("a")}, {}, deviceClass);
+        row("empty proxy class", {"a"}, asked("a", 2), {unbuilt(79, ""), notConstructed("a")}, {}, nullptr);
+        // A device that the root refuses is gone, with its proxy, before createPalRoot returns.
+        row("duplicate key", {"a", "a"}, asked("a") + asked("a"),
+            {{46, "krpalroot.cpp", 25, addFunction, {"KrDeviceAbstraction with key = a", "KrPalRoot"}}}, {"a"});
+        row("NULL", {"NULL"}, asked("NULL"), {{39, "krpalroot.cpp", 30, addFunction, {"key"}}}, {});
     }
-    void routes()
+    // A device kept has no parent; one built from its classes has its proxy as its child and its
+    // own copy of the formatters. No other proxy survives createPalRoot, and none the root.
+    void createPalRoot()
     {
-        QFETCH(QList<QByteArray>, handBuilt);
-        QFETCH(QStringList, expectedCalls);
+        QFETCH(QSharedPointer<TestConfiguration>, configuration);
+        QFETCH(QStringList, calls);
+        QFETCH(QList<Report>, reports);
+        QFETCH(QList<QByteArray>, kept);
         RecordingReporter reporter;
-        const int liveProxiesBefore = liveProxies();
-        TestConfiguration configuration;
-        configuration.ids = {"adc", "dac"};
-        configuration.handBuilt = handBuilt;
-        QSharedPointer<Pal::KrPalRoot> root = configuration.createPalRoot();
+        const int proxiesBefore = TestProxy::s_constructed - TestProxy::s_destroyed;
+        QSharedPointer<Pal::KrPalRoot> root = configuration->createPalRoot();
+        QCOMPARE(configuration->calls, calls);
+        QCOMPARE(reporter.reports(), reports);
 
-        QCOMPARE(configuration.calls, expectedCalls);
-        for (const QByteArray &key : configuration.ids) {
+        int built = 0;
+        for (const QByteArray &key : kept) {
             KrDeviceAbstraction *device = root->deviceAbstraction(key.constData());
             QVERIFY(device && !device->parent());
-            if (handBuilt.contains(key)) {
-                QCOMPARE(device, configuration.built.value(key));
-                continue;
-            }
-            QVERIFY(qobject_cast<CountingDevice *>(device));
             QCOMPARE(device->id(), key);
+            if (configuration->handBuilt.contains(key))
+                continue;
+            ++built;
             auto *proxy = device->findChild<TestProxy *>();
             QVERIFY(proxy && proxy->parent() == device);
-            // The formatters outlived the factory's copy.
             QCOMPARE(device->write(1, 5, 5000), qint64(7));
             QCOMPARE(proxy->writes().value(0).bytes, QByteArray("value 5"));
         }
-        QCOMPARE(reporter.count(), 0);
-
+        QCOMPARE(TestProxy::s_constructed - TestProxy::s_destroyed, proxiesBefore + built);
         root.reset();
-        QCOMPARE(CountingDevice::s_live, 0);
-        QCOMPARE(liveProxies(), liveProxiesBefore);
-    }
-
-    void failures_data()
-    {
-        QTest::addColumn<QList<QByteArray>>("ids");
-        QTest::addColumn<const QMetaObject *>("proxyClass");
-        QTest::addColumn<const QMetaObject *>("deviceClass");
-        QTest::addColumn<QList<Report>>("expectedReports");
-        QTest::addColumn<QList<QByteArray>>("registered");
-        const QMetaObject *proxy = &TestProxy::staticMetaObject;
-        const QMetaObject *device = &CountingDevice::staticMetaObject;
-        const QMetaObject *keyAndProxy = &KeyAndProxyDevice::staticMetaObject;
-        const QMetaObject *none = nullptr;
-        const auto unbuilt = [](quint64 line, const char *className) {
-            return Report{50, configurationFile, line, factoryFunction, {QString::fromUtf8(className)}};
-        };
-        const QList<QByteArray> nothing;
-
-        QTest::newRow("no keys") << nothing << proxy << device << QList<Report>() << nothing;
-        QTest::newRow("empty key") << QList<QByteArray>{"a", "", "b"} << proxy << device
-                                   << QList<Report>{{39, configurationFile, 69, factoryFunction,
-                                                        {QStringLiteral("deviceAbstractionId")}},
-                                          notConstructed(QString())}
-                                   << QList<QByteArray>{"a", "b"};
-        QTest::newRow("device without formatters constructor")
-            << QList<QByteArray>{"a"} << proxy << keyAndProxy
-            << QList<Report>{unbuilt(94, "KeyAndProxyDevice"), notConstructed("a")} << nothing;
-        QTest::newRow("NUL byte in key") << QList<QByteArray>{QByteArray("ab\0cd", 5)} << proxy << keyAndProxy
-                                         << QList<Report>{unbuilt(94, "KeyAndProxyDevice"), notConstructed("ab")}
-                                         << nothing;
-        QTest::newRow("empty device class") << QList<QByteArray>{"a"} << proxy << none
-                                            << QList<Report>{unbuilt(94, ""), notConstructed("a")} << nothing;
-        QTest::newRow("proxy without no-argument constructor")
-            << QList<QByteArray>{"a"} << &ChannelProxy::staticMetaObject << device
-            << QList<Report>{unbuilt(79, "ChannelProxy"), notConstructed("a")} << nothing;
-        QTest::newRow("empty proxy class") << QList<QByteArray>{"a"} << none << device
-                                           << QList<Report>{unbuilt(79, ""), notConstructed("a")} << nothing;
-        QTest::newRow("duplicate key") << QList<QByteArray>{"a", "a"} << proxy << device
-                                       << QList<Report>{{46, QStringLiteral("krpalroot.cpp"), 25, addFunction,
-                                              {QStringLiteral("KrDeviceAbstraction with key = a"),
-                                                  QStringLiteral("KrPalRoot")}}}
-                                       << QList<QByteArray>{"a"};
-        QTest::newRow("NULL") << QList<QByteArray>{"NULL"} << proxy << device
-                              << QList<Report>{{39, QStringLiteral("krpalroot.cpp"), 30, addFunction,
-                                     {QStringLiteral("key")}}}
-                              << nothing;
-    }
-    // What was built and not kept is gone before createPalRoot returns, proxies included.
-    void failures()
-    {
-        QFETCH(QList<QByteArray>, ids);
-        QFETCH(const QMetaObject *, proxyClass);
-        QFETCH(const QMetaObject *, deviceClass);
-        QFETCH(QList<Report>, expectedReports);
-        QFETCH(QList<QByteArray>, registered);
-        RecordingReporter reporter;
-        const int liveProxiesBefore = liveProxies();
-        TestConfiguration configuration;
-        configuration.ids = ids;
-        configuration.proxyClass = proxyClass ? *proxyClass : QMetaObject();
-        configuration.deviceClass = deviceClass ? *deviceClass : QMetaObject();
-        const QSharedPointer<Pal::KrPalRoot> root = configuration.createPalRoot();
-
-        QVERIFY(root);
-        QCOMPARE(reporter.reports(), expectedReports);
-        QCOMPARE(CountingDevice::s_live, registered.size());
-        QCOMPARE(liveProxies(), liveProxiesBefore + registered.size());
-        for (const QByteArray &key : registered)
-            QVERIFY(root->deviceAbstraction(key.constData()));
-        QCOMPARE(reporter.count(), expectedReports.size());
-    }
-
-    void baseImplementations()
-    {
-        RecordingReporter reporter;
-        KeysOnlyConfiguration configuration;
-        configuration.ids = {"x"};
-        QVERIFY(configuration.commandIds("x").isEmpty());
-        QVERIFY(configuration.commandFormatters("x").isEmpty());
-        QVERIFY(!configuration.createDeviceAbstraction("x"));
-        const QMetaObject deviceClass = configuration.deviceAbstraction("x");
-        QVERIFY(!deviceClass.d.superdata && !deviceClass.d.stringdata && !deviceClass.d.data);
-
-        // The factory asks nothing for an empty key.
-        TestConfiguration recording;
-        QVERIFY(!recording.createKrDeviceAbstraction(QByteArray()));
-        QVERIFY(recording.calls.isEmpty());
-        reporter.clear();
-
-        QVERIFY(configuration.createPalRoot());
-        QCOMPARE(reporter.reports(),
-            (QList<Report>{{50, configurationFile, 79, factoryFunction, {QString()}}, notConstructed("x")}));
+        QCOMPARE(TestProxy::s_constructed - TestProxy::s_destroyed, proxiesBefore);
     }
 };
 

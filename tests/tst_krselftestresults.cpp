@@ -23,17 +23,7 @@ QByteArray toJson(const KrAbstractSelfTestResult &result)
     return QJsonDocument(result.generateJsonObject()).toJson(QJsonDocument::Compact);
 }
 
-template<typename T>
-T *withType(T *result, Type type)
-{
-    result->setType(type);
-    return result;
-}
-
-QJsonObject serdesPayload()
-{
-    return QJsonObject{{"lanes", 4}, {"type", "serdes"}};
-}
+const QJsonObject serdes{{"lanes", 4}, {"type", "serdes"}};
 
 } // namespace
 
@@ -41,174 +31,99 @@ class TestKrSelfTestResults : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase();
-    void render_data();
-    void render();
-    void copyAndAssign_data();
-    void copyAndAssign();
-    void copyIsParentlessAndAssignmentKeepsObject();
-    void jsonPayloadSurvivesRendering();
+    // Every rendering runs under a locale that writes decimal commas.
+    void initTestCase() { QLocale::setDefault(QLocale(QLocale::German)); }
+
+    // Expected JSON is written with ' for ".
+    void render_data()
+    {
+        QTest::addColumn<ResultPointer>("result");
+        QTest::addColumn<QByteArray>("expected");
+        const auto row = [](const char *name, KrAbstractSelfTestResult *result, const char *json) {
+            QTest::newRow(name) << ResultPointer(result) << QByteArray(json).replace('\'', '"');
+        };
+        row("voltage example", new KrVoltageTestResult(true, "VCC", 3.3, 0.1, 3.312, true),
+            "{'actual':'3.31 V','expected':'3.30 V','name':'VCC','status':'pass','tolerance':'0.10 "
+            "V','type':'Voltage'}");
+        // Rounded from the stored value; the status is the flag, never computed.
+        row("numeric, type hidden", new KrNumericTestResult(false, "Fan", 3.3, 0.1, 3.312, false),
+            "{'actual':'3.31','expected':'3.30','name':'Fan','status':'fail','tolerance':'0.10'}");
+        row("numeric, whole and negative", new KrNumericTestResult(true, "N", 3000, -0.5, -1234.567, true),
+            "{'actual':'-1234.57','expected':'3000.00','name':'N','status':'pass','tolerance':'-0.50',"
+            "'type':'NumericPassFail'}");
+        row("temperature", new KrTemperatureTestResult(true, "T", 25, 5, 27.3, true),
+            "{'actual':'27.30 &deg;C','expected':'25.00 &deg;C','name':'T','status':'pass',"
+            "'tolerance':'5.00 &deg;C','type':'Temperature'}");
+        row("current", new KrCurrentTestResult(true, "I", 1.5, 0.25, 1.4213, true),
+            "{'actual':'1.42 A','expected':'1.50 A','name':'I','status':'pass','tolerance':'0.25 A','type':'Current'}");
+        row("pass/fail", new KrSelfTestResult(false, "F", true), "{'name':'F','status':'fail','type':'Base'}");
+        auto *unknownType = new KrSelfTestResult(true, "", true);
+        unknownType->setType(Type(11));
+        row("type without a key", unknownType, "{'name':'','status':'pass','type':''}");
+        row("info", new KrInfoTestResult("F", "1.2.3", true), "{'name':'F','type':'Info','value':'1.2.3'}");
+        row("date", new KrDateTestResult("D", "2024", true), "{'name':'D','type':'Date','value':'2024'}");
+        row("fpga type", new KrFpgaTypeTestResult("F", "7z", true), "{'name':'F','type':'FpgaType','value':'7z'}");
+        row("version, type hidden, empty", new KrVersionTestResult(QString(), "", false), "{'name':'','value':''}");
+        // The payload's own "type" is replaced only while the type is shown.
+        row("json, type shown", new KrJsonTestResult(true, serdes, true), "{'lanes':4,'type':'Json'}");
+        const QJsonObject nested{{"a", QJsonArray{1, "x", QJsonValue()}}, {"b", QJsonObject{{"c", true}}}, {"type", 1}};
+        row("json, failed", new KrJsonTestResult(false, nested, false), "{'a':[1,'x',null],'b':{'c':true},'type':1}");
+        row("json, empty, type shown", new KrJsonTestResult(true, {}, true), "{'type':'Json'}");
+    }
+    // Rendering with the other show-type flag in between changes nothing.
+    void render()
+    {
+        QFETCH(ResultPointer, result);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(toJson(*result), expected);
+        result->setShowType(!result->showType());
+        toJson(*result);
+        result->setShowType(!result->showType());
+        QCOMPARE(toJson(*result), expected);
+    }
+
+    // A copy renders as its source would with its class's own type; an assigned result, also
+    // after assigning itself, renders exactly as its source, whose type no class sets itself.
+    void copyAndAssign_data()
+    {
+        QTest::addColumn<QByteArray>("actual");
+        QTest::addColumn<QByteArray>("expected");
+        const auto row = [](const char *name, auto &&source, auto &&target) {
+            const QByteArray withOwnType = toJson(source);
+            source.setType(Type::PassFail);
+            const std::decay_t<decltype(source)> copy(source);
+            target = source;
+            target = static_cast<const std::decay_t<decltype(target)> &>(target);
+            QTest::newRow(name) << toJson(copy) + ' ' + toJson(target) << withOwnType + ' ' + toJson(source);
+        };
+        row("pass/fail", KrSelfTestResult(false, "Fan", true), KrSelfTestResult(true, "X", false));
+        row("info", KrInfoTestResult("Fw", "1.2", true), KrInfoTestResult("X", "Y", false));
+        row("date", KrDateTestResult("D", "today", true), KrDateTestResult("X", "Y", false));
+        row("fpga type", KrFpgaTypeTestResult("F", "7z", true), KrFpgaTypeTestResult("X", "Y", false));
+        row("version", KrVersionTestResult("V", "3", true), KrVersionTestResult("X", "Y", false));
+        row("numeric", KrNumericTestResult(true, "N", 1, 2, 3, true), KrNumericTestResult(false, "X", 0, 0, 0, false));
+        row("voltage", KrVoltageTestResult(true, "V", 1, 2, 3, true), KrVoltageTestResult(false, "X", 0, 0, 0, false));
+        row("temperature", KrTemperatureTestResult(true, "T", 1, 2, 3, true),
+            KrTemperatureTestResult(false, "X", 0, 0, 0, false));
+        row("current", KrCurrentTestResult(true, "I", 1, 2, 3, true), KrCurrentTestResult(false, "X", 0, 0, 0, false));
+        row("json", KrJsonTestResult(true, serdes, true), KrJsonTestResult(false, {}, false));
+    }
+    void copyAndAssign()
+    {
+        QFETCH(QByteArray, actual);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(actual, expected);
+    }
+
+    // The QObject part is never copied.
+    void copyHasNoParent()
+    {
+        QObject owner;
+        KrSelfTestResult source(true, "Fan", false);
+        source.setParent(&owner);
+        QCOMPARE(KrSelfTestResult(source).parent(), nullptr);
+    }
 };
-
-void TestKrSelfTestResults::initTestCase()
-{
-    // Every rendering below runs under a locale that writes decimal commas.
-    QLocale::setDefault(QLocale(QLocale::German));
-    QCOMPARE(QLocale().toString(3.31, 'f', 2), QStringLiteral("3,31"));
-}
-
-void TestKrSelfTestResults::render_data()
-{
-    QTest::addColumn<ResultPointer>("result");
-    QTest::addColumn<QByteArray>("className");
-    QTest::addColumn<QByteArray>("expected");
-    auto addRow = [](const char *name, KrAbstractSelfTestResult *result, const char *className, const char *json) {
-        QTest::newRow(name) << ResultPointer(result) << QByteArray(QByteArray("Pal::") + className) << QByteArray(json);
-    };
-
-    addRow("voltage example", new KrVoltageTestResult(true, "VCC", 3.3, 0.1, 3.312, true), "KrVoltageTestResult",
-        R"({"actual":"3.31 V","expected":"3.30 V","name":"VCC",)"
-        R"("status":"pass","tolerance":"0.10 V","type":"Voltage"})");
-    addRow("numeric, type hidden", new KrNumericTestResult(false, "Fan speed", 3.3, 0.1, 3.312, false),
-        "KrNumericTestResult",
-        R"({"actual":"3.31","expected":"3.30","name":"Fan speed","status":"fail","tolerance":"0.10"})");
-    addRow("numeric, whole and negative", new KrNumericTestResult(true, "Speed", 3000, -0.5, -1234.567, true),
-        "KrNumericTestResult",
-        R"({"actual":"-1234.57","expected":"3000.00","name":"Speed","status":"pass",)"
-        R"("tolerance":"-0.50","type":"NumericPassFail"})");
-    addRow("numeric, equal values but failed", new KrNumericTestResult(false, "Fan", 2, 0, 2, false),
-        "KrNumericTestResult",
-        R"({"actual":"2.00","expected":"2.00","name":"Fan","status":"fail","tolerance":"0.00"})");
-    addRow("voltage, negative", new KrVoltageTestResult(false, "VEE", -0.5, 0, -0.5, false), "KrVoltageTestResult",
-        R"({"actual":"-0.50 V","expected":"-0.50 V","name":"VEE",)"
-        R"("status":"fail","tolerance":"0.00 V"})");
-    addRow("temperature", new KrTemperatureTestResult(true, "Board", 25, 5, 27.3, true), "KrTemperatureTestResult",
-        R"({"actual":"27.30 &deg;C","expected":"25.00 &deg;C","name":"Board",)"
-        R"("status":"pass","tolerance":"5.00 &deg;C","type":"Temperature"})");
-    addRow("current", new KrCurrentTestResult(true, "I0", 1.5, 0.25, 1.4213, true), "KrCurrentTestResult",
-        R"({"actual":"1.42 A","expected":"1.50 A","name":"I0","status":"pass",)"
-        R"("tolerance":"0.25 A","type":"Current"})");
-    addRow("numeric typed as date", withType(new KrNumericTestResult(true, "N", 1, 1, 1, true), Type::Date),
-        "KrNumericTestResult",
-        R"({"actual":"1.00","expected":"1.00","name":"N",)"
-        R"("status":"pass","tolerance":"1.00","type":"Date"})");
-    addRow("type without key", withType(new KrSelfTestResult(true, "Fan", true), Type(11)), "KrSelfTestResult",
-        R"({"name":"Fan","status":"pass","type":""})");
-
-    addRow("pass/fail example", new KrSelfTestResult(false, "Fan", true), "KrSelfTestResult",
-        R"({"name":"Fan","status":"fail","type":"Base"})");
-    addRow("pass/fail, null name", new KrSelfTestResult(true, QString(), false), "KrSelfTestResult",
-        R"({"name":"","status":"pass"})");
-    addRow("info example", new KrInfoTestResult("Firmware", "1.2.3", true), "KrInfoTestResult",
-        R"({"name":"Firmware","type":"Info","value":"1.2.3"})");
-    addRow("info, type hidden, empty", new KrInfoTestResult(QString(), "", false), "KrInfoTestResult",
-        R"({"name":"","value":""})");
-    addRow("info typed as version", withType(new KrInfoTestResult("Fw", "2", true), Type::Version), "KrInfoTestResult",
-        R"({"name":"Fw","type":"Version","value":"2"})");
-    addRow("date", new KrDateTestResult("Built", "2024-01-02", true), "KrDateTestResult",
-        R"({"name":"Built","type":"Date","value":"2024-01-02"})");
-    addRow("fpga type", new KrFpgaTypeTestResult("FPGA", "7z020", true), "KrFpgaTypeTestResult",
-        R"({"name":"FPGA","type":"FpgaType","value":"7z020"})");
-    addRow("version, type hidden", new KrVersionTestResult("Fw", "1.2.3", false), "KrVersionTestResult",
-        R"({"name":"Fw","value":"1.2.3"})");
-
-    addRow("json, type shown", new KrJsonTestResult(true, serdesPayload(), true), "KrJsonTestResult",
-        R"({"lanes":4,"type":"Json"})");
-    addRow("json, type hidden, failed", new KrJsonTestResult(false, serdesPayload(), false), "KrJsonTestResult",
-        R"({"lanes":4,"type":"serdes"})");
-    addRow("json, empty", new KrJsonTestResult(true, {}, false), "KrJsonTestResult", "{}");
-    addRow("json, empty, type shown", new KrJsonTestResult(true, {}, true), "KrJsonTestResult", R"({"type":"Json"})");
-    const QJsonObject nested{{"a", QJsonArray{1, "x", QJsonValue()}}, {"b", QJsonObject{{"c", true}}}, {"d", 0.5}};
-    addRow("json, nested", new KrJsonTestResult(true, nested, false), "KrJsonTestResult",
-        R"({"a":[1,"x",null],"b":{"c":true},"d":0.5})");
-}
-
-void TestKrSelfTestResults::render()
-{
-    QFETCH(ResultPointer, result);
-    QFETCH(QByteArray, className);
-    QFETCH(QByteArray, expected);
-
-    QCOMPARE(QByteArray(result->metaObject()->className()), className);
-    QCOMPARE(toJson(*result), expected);
-    QCOMPARE(toJson(*result), expected);
-}
-
-void TestKrSelfTestResults::copyAndAssign_data()
-{
-    QTest::addColumn<QByteArray>("copied");
-    QTest::addColumn<QByteArray>("assigned");
-    QTest::addColumn<QByteArray>("expectedCopied");
-    QTest::addColumn<QByteArray>("expectedAssigned");
-
-    // A copy renders as its source would with the class's own type; an assigned result renders
-    // exactly as its source, whose type here is one that no class sets itself.
-    auto addRow = [](const char *name, auto &&source, auto &&target) {
-        const QByteArray withOwnType = toJson(source);
-        source.setType(Type::PassFail);
-        const std::decay_t<decltype(source)> copy(source);
-        target = source;
-        QTest::newRow(name) << toJson(copy) << toJson(target) << withOwnType << toJson(source);
-    };
-    addRow("pass/fail", KrSelfTestResult(false, "Fan", true), KrSelfTestResult(true, "X", false));
-    addRow("info", KrInfoTestResult("Fw", "1.2", true), KrInfoTestResult("X", "Y", false));
-    addRow("date", KrDateTestResult("D", "today", true), KrDateTestResult("X", "Y", false));
-    addRow("fpga type", KrFpgaTypeTestResult("F", "7z", true), KrFpgaTypeTestResult("X", "Y", false));
-    addRow("version", KrVersionTestResult("V", "3", true), KrVersionTestResult("X", "Y", false));
-    addRow("numeric", KrNumericTestResult(true, "N", 1, 2, 3, true), KrNumericTestResult(false, "X", 0, 0, 0, false));
-    addRow("voltage", KrVoltageTestResult(true, "V", 1, 2, 3, true), KrVoltageTestResult(false, "X", 0, 0, 0, false));
-    addRow("temperature", KrTemperatureTestResult(true, "T", 1, 2, 3, true),
-        KrTemperatureTestResult(false, "X", 0, 0, 0, false));
-    addRow("current", KrCurrentTestResult(true, "I", 1, 2, 3, true), KrCurrentTestResult(false, "X", 0, 0, 0, false));
-    addRow("json", KrJsonTestResult(true, serdesPayload(), true), KrJsonTestResult(false, {}, false));
-
-    KrNumericTestResult self(true, "S", 1, 2, 3, true);
-    self.setType(Type::Version);
-    const QByteArray before = toJson(self);
-    KrNumericTestResult &alias = self;
-    self = alias;
-    QTest::newRow("self-assignment") << before << toJson(self) << before << before;
-}
-
-void TestKrSelfTestResults::copyAndAssign()
-{
-    QFETCH(QByteArray, copied);
-    QFETCH(QByteArray, assigned);
-    QFETCH(QByteArray, expectedCopied);
-    QFETCH(QByteArray, expectedAssigned);
-
-    QCOMPARE(copied, expectedCopied);
-    QCOMPARE(assigned, expectedAssigned);
-}
-
-void TestKrSelfTestResults::copyIsParentlessAndAssignmentKeepsObject()
-{
-    QObject owner;
-    auto *source = new KrSelfTestResult(true, "Fan", false);
-    source->setParent(&owner);
-    source->setObjectName(QStringLiteral("source"));
-
-    const KrSelfTestResult copy(*source);
-    QCOMPARE(copy.parent(), nullptr);
-    QCOMPARE(copy.objectName(), QString());
-
-    KrSelfTestResult target(false, "Other", false);
-    target.setObjectName(QStringLiteral("target"));
-    target = *source;
-    QCOMPARE(target.parent(), nullptr);
-    QCOMPARE(target.objectName(), QStringLiteral("target"));
-    QCOMPARE(toJson(target), toJson(*source));
-}
-
-void TestKrSelfTestResults::jsonPayloadSurvivesRendering()
-{
-    KrJsonTestResult result(true, serdesPayload(), true);
-    QCOMPARE(toJson(result), QByteArray(R"({"lanes":4,"type":"Json"})"));
-    result.setShowType(false);
-    QCOMPARE(toJson(result), QByteArray(R"({"lanes":4,"type":"serdes"})"));
-    result.setShowType(true);
-    QCOMPARE(toJson(result), QByteArray(R"({"lanes":4,"type":"Json"})"));
-}
 
 QTEST_GUILESS_MAIN(TestKrSelfTestResults)
 #include "tst_krselftestresults.moc"

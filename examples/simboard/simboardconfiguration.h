@@ -1,0 +1,56 @@
+#pragma once
+
+#include <pal/krpalconfiguration.h>
+
+#include <QString>
+
+/// Device keys and command ids of the simulated board.
+namespace SimBoard {
+
+constexpr char frontEndKey[] = "frontend";
+constexpr char adcKey[] = "adc";
+constexpr char tcxoKey[] = "tcxo";
+
+enum FrontEndCommand : quint16
+{
+    // Commands, sent with write(): the value is the setting.
+    SetFrequency = 0x0101, // Hz
+    SetAttenuation = 0x0102, // dB, 0 to 31.5
+                             // Requests, exchanged with ioctl().
+    Identify = 0x0180,
+    ReadTemperature = 0x0181,
+    ReadSupplyVoltage = 0x0182,
+    ReadSupplyCurrent = 0x0183,
+    ReadFpgaType = 0x0184,
+    ReadCalibrationDate = 0x0185,
+    ReadGpsFix = 0x0186
+};
+
+enum AdcCommand : quint16
+{
+    StartStream = 0x0201, // samples per second
+    StopStream = 0x0202
+};
+
+} // namespace SimBoard
+
+/// The board of the simulated instrument: a front end and an ADC built by the library from
+/// their classes (a proxy on the device's port and the plain device abstraction, with the
+/// commands' formatters), and the TCXO calibration device, which has no invokable constructor
+/// and is built here, over the calibration file given at construction.
+class SimBoardConfiguration : public Pal::KrPalConfiguration
+{
+public:
+    explicit SimBoardConfiguration(const QString &tcxoCalibrationFile);
+    ~SimBoardConfiguration() override;
+
+    QList<quint16> commandIds(const QByteArray &id) const override;
+    Pal::CommandFormatters commandFormatters(const QByteArray &id) const override;
+    QMetaObject deviceProxy(const QByteArray &id) const override;
+    std::shared_ptr<Pal::KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const override;
+    QList<QByteArray> deviceAbstractionIds() const override;
+    QMetaObject deviceAbstraction(const QByteArray &id) const override;
+
+private:
+    const QString m_tcxoCalibrationFile;
+};
