@@ -3,7 +3,7 @@
 # are missing. Idempotent; runs apt-get as root, through sudo otherwise.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format qtbase5-dev qtpositioning5-dev)
+packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format qtbase5-dev qtpositioning5-dev libbenchmark-dev)
 packages+=("$@")
 
 missing=()
