@@ -10,6 +10,18 @@ if(KRPAL_SANITIZE)
     add_link_options(-fsanitize=${KRPAL_SANITIZE})
 endif()
 
+if(KRPAL_BUILD_FUZZERS)
+    if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        message(FATAL_ERROR "KRPAL_BUILD_FUZZERS needs clang's libFuzzer: configure with -DCMAKE_CXX_COMPILER=clang++")
+    endif()
+    if(NOT KRPAL_SANITIZE MATCHES "address")
+        message(FATAL_ERROR "KRPAL_BUILD_FUZZERS needs -DKRPAL_SANITIZE=address,undefined")
+    endif()
+    # Coverage feedback from the library itself, not only from the fuzz targets; the
+    # targets link libFuzzer with -fsanitize=fuzzer.
+    add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # Warnings, Qt's stricter string handling, and the project's compile definitions.
 function(krpal_set_target_defaults target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wnon-virtual-dtor -Woverloaded-virtual -Werror)
@@ -25,5 +37,9 @@ endfunction()
 function(krpal_set_library_defaults target)
     krpal_set_target_defaults(${target})
     target_compile_definitions(${target} PRIVATE QT_NO_CAST_FROM_ASCII)
-    target_link_options(${target} PRIVATE -Wl,--no-undefined)
+    # clang links the sanitizer runtimes into executables only, so a sanitized shared library
+    # leaves their symbols to the program that loads it.
+    if(NOT (KRPAL_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "Clang"))
+        target_link_options(${target} PRIVATE -Wl,--no-undefined)
+    endif()
 endfunction()

@@ -80,7 +80,11 @@ bool readField(const QString &text, const QRegularExpression &expression, float 
     const QRegularExpressionMatch match = expression.match(text);
     if (!match.hasMatch())
         return false;
-    field = match.captured(QStringLiteral("value")).toFloat();
+    // A value beyond float's range does not convert: Qt then answers infinity, the file's
+    // rule 0.
+    bool converted = false;
+    const float value = match.captured(QStringLiteral("value")).toFloat(&converted);
+    field = converted ? value : 0;
     return true;
 }
 
@@ -287,7 +291,10 @@ void TcxoCalDevice::updateTcxoCalFile(int dacValue, std::function<void(QString &
         critical() << "Not updating file holding a NUL byte:" << file.fileName();
         return;
     }
-    QString text = QString::fromUtf8(bytes);
+    // Keys and values are ASCII, so the edit can work on the bytes one for one. Decoding them
+    // as UTF-8 would drop a byte-order mark and replace every byte that is not UTF-8 with
+    // U+FFFD all over the file; a UTF-8 file comes back as UTF-8 either way.
+    QString text = QString::fromLatin1(bytes);
 
     static const QRegularExpression fieldTcxoValue(
         QLatin1String(fieldTcxoKey) + QLatin1String("(?<dacValue>") + valueRun + QLatin1Char(')'));
@@ -299,7 +306,7 @@ void TcxoCalDevice::updateTcxoCalFile(int dacValue, std::function<void(QString &
     replaceValue(text, fieldTcxo, QString::number(qint64(dacValue)));
     editFunction(text);
 
-    replaceContent(calibrationFile(), text.toUtf8());
+    replaceContent(calibrationFile(), text.toLatin1());
 }
 
 } // namespace Pal

@@ -85,9 +85,11 @@ private Q_SLOTS:
                 for (int i = 0; i < 20000; ++i) {
                     const QString &name = names.at((i + t) % 3);
                     Manager::loaded(name);
+                    // Lookups come between a thread's own adds and removes, so that roots are
+                    // found however the threads happen to be scheduled.
                     if ((i / 3 + t) % 3 == 0)
                         Manager::add(name, makeRoot(name));
-                    else if ((i / 3 + t) % 3 == 1)
+                    else if ((i / 3 + t) % 3 == 2)
                         Manager::remove(name);
                     else if (const auto root = Manager::application(name))
                         ++(root->objectName() == name ? wholeRoots : brokenRoots);

@@ -168,6 +168,14 @@ private Q_SLOTS:
             {QStringLiteral("critical default: Cannot open file \"tcxo.cal\"")});
         row("NUL byte", nul, 7, nul, "7",
             {QStringLiteral("critical default: Not updating file holding a NUL byte: \"tcxo.cal\"")});
+        // Only the value changes: a byte-order mark and bytes that are not UTF-8 stay as they were.
+        row("not UTF-8",
+            "\xEF\xBB\xBF# 25\xB0"
+            "C\nFIELD_TCXO=1\xFF\xE2\n",
+            2,
+            "\xEF\xBB\xBF# 25\xB0"
+            "C\nFIELD_TCXO=2\xFF\xE2\n",
+            "2");
     }
     void fieldUpdate()
     {
@@ -208,6 +216,18 @@ private Q_SLOTS:
         QVERIFY(!device.getTcxoCalFactors(factors));
         QCOMPARE(factors, (Factors{0, 2.5f, 0, 70000, 25.5f, 0, 1.7e12f, -7, 19}));
         QCOMPARE(recorder.takeMessages(), QStringList{notFound.arg("REF_SOURCE_DISPLAY=")});
+    }
+
+    // Qt's toFloat answers infinity for a value beyond float's range, yet it did not convert.
+    void valueBeyondFloatRangeReadsAsZero()
+    {
+        writeFile(QByteArray(exampleBytes).replace("FIX_DECAY_TIME=3600", "FIX_DECAY_TIME=-1e39"));
+        Pal::TcxoCalDevice device("tcxo", path);
+        Factors factors{};
+        QVERIFY(device.getTcxoCalFactors(factors));
+        Factors expected = example;
+        expected.fixDecayTime = 0;
+        QCOMPARE(factors, expected);
     }
 
     void cLibraryLocale()
