@@ -29,9 +29,7 @@ KrCurrentTestResult::~KrCurrentTestResult() = default;
 
 QJsonObject KrCurrentTestResult::generateJsonObject() const
 {
-    QJsonObject object = KrNumericTestResult::generateJsonObject();
-    Internal::appendUnit(object, QLatin1String(" A"));
-    return object;
+    return Internal::NumericJson::render(*this, QLatin1String(" A"));
 }
 
 } // namespace Pal

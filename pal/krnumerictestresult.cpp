@@ -40,11 +40,7 @@ KrNumericTestResult::~KrNumericTestResult() = default;
 
 QJsonObject KrNumericTestResult::generateJsonObject() const
 {
-    QJsonObject object = KrSelfTestResult::generateJsonObject();
-    object.insert(QStringLiteral("expected"), Internal::measurementText(m_expected));
-    object.insert(QStringLiteral("tolerance"), Internal::measurementText(m_tolerance));
-    object.insert(QStringLiteral("actual"), Internal::measurementText(m_actual));
-    return object;
+    return Internal::NumericJson::render(*this, QLatin1String());
 }
 
 } // namespace Pal

@@ -5,6 +5,10 @@
 
 namespace Pal {
 
+namespace Internal {
+class NumericJson;
+}
+
 /// A named measurement with its expected value, tolerance and actual value. The caller decides
 /// whether it passed; the result never compares the numbers itself.
 class KRPAL_EXPORT KrNumericTestResult : public KrSelfTestResult
@@ -20,6 +24,9 @@ public:
     QJsonObject generateJsonObject() const override;
 
 private:
+    // Renders the numbers, with the unit of the result classes that carry one, in one pass.
+    friend class Internal::NumericJson;
+
     double m_expected;
     double m_tolerance;
     double m_actual;

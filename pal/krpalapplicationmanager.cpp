@@ -5,6 +5,7 @@
 #include <crosscutting/crosscutting.h>
 
 #include <mutex>
+#include <utility>
 
 namespace Pal {
 
@@ -18,17 +19,26 @@ constexpr unsigned int registryLockTimeout = 120000;
 QHash<QString, QSharedPointer<KrPalRoot>> KrPalApplicationManager::s_applications;
 Crosscutting::KrMutex KrPalApplicationManager::s_mutex(registryLockTimeout);
 
+// A root let go of is released only after the lock: its destruction, and that of its devices,
+// may run application code that looks up or changes the registry, which would otherwise wait
+// for a lock that its own thread holds. Declared before the locker, it outlives it.
 bool KrPalApplicationManager::add(const QString &name, QSharedPointer<KrPalRoot> root)
 {
+    QSharedPointer<KrPalRoot> released;
     const RegistryLocker locker(s_mutex);
-    s_applications.insert(name, root);
+    const auto entry = s_applications.find(name);
+    if (entry == s_applications.end())
+        s_applications.insert(name, std::move(root));
+    else
+        released = std::exchange(*entry, std::move(root));
     return true;
 }
 
 void KrPalApplicationManager::remove(const QString &name)
 {
+    QSharedPointer<KrPalRoot> released;
     const RegistryLocker locker(s_mutex);
-    s_applications.remove(name);
+    released = s_applications.take(name);
 }
 
 // The lookups take the lock too: a concurrent add() or remove() may rehash or detach the

@@ -19,9 +19,9 @@ class KrPalRoot;
 /// has at most one root, and a null root may be registered. Every operation may be called
 /// from any thread.
 ///
-/// A root that the registry lets go of for the last time is destroyed under the registry's
-/// lock, so its destruction must not call back into the manager: the lookups take the same
-/// lock.
+/// A root that the registry lets go of for the last time is destroyed inside add() or
+/// remove(), after the registry's lock is released, so its destruction (and its devices')
+/// may use the manager.
 class KRPAL_EXPORT KrPalApplicationManager
 {
 public:

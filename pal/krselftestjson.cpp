@@ -1,6 +1,7 @@
 #include "krselftestjson_p.h"
 
 #include <pal/krabstractselftestresult.h>
+#include <pal/krnumerictestresult.h>
 
 #include <crosscutting/crosscutting.h>
 
@@ -24,10 +25,16 @@ QString measurementText(double value)
     return QString::number(value, 'f', 2);
 }
 
-void appendUnit(QJsonObject &object, QLatin1String unit)
+QJsonObject NumericJson::render(const KrNumericTestResult &result, QLatin1String unit)
 {
-    for (const QString &key : {QStringLiteral("expected"), QStringLiteral("tolerance"), QStringLiteral("actual")})
-        object.insert(key, QString(object.value(key).toString() + unit));
+    const auto text = [unit](double value) {
+        return unit.isEmpty() ? measurementText(value) : QString(measurementText(value) + unit);
+    };
+    QJsonObject object = result.KrSelfTestResult::generateJsonObject();
+    object.insert(QStringLiteral("expected"), text(result.m_expected));
+    object.insert(QStringLiteral("tolerance"), text(result.m_tolerance));
+    object.insert(QStringLiteral("actual"), text(result.m_actual));
+    return object;
 }
 
 } // namespace Internal

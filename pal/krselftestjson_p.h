@@ -8,6 +8,7 @@ class QJsonObject;
 namespace Pal {
 
 class KrAbstractSelfTestResult;
+class KrNumericTestResult;
 
 namespace Internal {
 
@@ -18,8 +19,14 @@ void insertTypeKey(QJsonObject &object, const KrAbstractSelfTestResult &result);
 /// A measured number as results render it: two decimals, a point, no grouping, in any locale.
 QString measurementText(double value);
 
-/// Appends @p unit to the rendered "expected", "tolerance" and "actual" texts.
-void appendUnit(QJsonObject &object, QLatin1String unit);
+/// The object of a numeric result: its pass/fail object with "expected", "tolerance" and
+/// "actual" as texts followed by @p unit (none when empty). Each text is built once with its
+/// unit, rather than rendered bare and then read back to append the unit.
+class NumericJson
+{
+public:
+    static QJsonObject render(const KrNumericTestResult &result, QLatin1String unit);
+};
 
 } // namespace Internal
 } // namespace Pal

@@ -29,9 +29,7 @@ KrTemperatureTestResult::~KrTemperatureTestResult() = default;
 
 QJsonObject KrTemperatureTestResult::generateJsonObject() const
 {
-    QJsonObject object = KrNumericTestResult::generateJsonObject();
-    Internal::appendUnit(object, QLatin1String(" &deg;C"));
-    return object;
+    return Internal::NumericJson::render(*this, QLatin1String(" &deg;C"));
 }
 
 } // namespace Pal

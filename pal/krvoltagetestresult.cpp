@@ -29,9 +29,7 @@ KrVoltageTestResult::~KrVoltageTestResult() = default;
 
 QJsonObject KrVoltageTestResult::generateJsonObject() const
 {
-    QJsonObject object = KrNumericTestResult::generateJsonObject();
-    Internal::appendUnit(object, QLatin1String(" V"));
-    return object;
+    return Internal::NumericJson::render(*this, QLatin1String(" V"));
 }
 
 } // namespace Pal

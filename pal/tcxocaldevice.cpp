@@ -88,17 +88,56 @@ bool readField(const QString &text, const QRegularExpression &expression, float 
     return true;
 }
 
-struct RecordExpressions
+// The value expressions of the nine keys, in record order, compiled once for the process.
+// Compiling an expression costs several times more than reading the whole file, so the
+// readers never do it for a key of their own.
+class RecordExpressions
 {
-    QRegularExpression factoryTcxo = valueExpression(factoryTcxoKey);
-    QRegularExpression factoryTemperature = valueExpression(factoryTemperatureKey);
-    QRegularExpression factoryTuningSensitivity = valueExpression(factoryTuningSensitivityKey);
-    QRegularExpression fieldTcxo = valueExpression(fieldTcxoKey);
-    QRegularExpression fieldTemperature = valueExpression(fieldTemperatureKey);
-    QRegularExpression fieldTuningSensitivity = valueExpression(fieldTuningSensitivityKey);
-    QRegularExpression fieldFixTime = valueExpression(fieldFixTimeKey);
-    QRegularExpression fixDecayTime = valueExpression(fixDecayTimeKey);
-    QRegularExpression refSourceDisplay = valueExpression(refSourceDisplayKey);
+public:
+    enum Field
+    {
+        FactoryTcxo,
+        FactoryTemperature,
+        FactoryTuningSensitivity,
+        FieldTcxo,
+        FieldTemperature,
+        FieldTuningSensitivity,
+        FieldFixTime,
+        FixDecayTime,
+        RefSourceDisplay,
+        FieldCount
+    };
+
+    static const RecordExpressions &instance()
+    {
+        static const RecordExpressions expressions;
+        return expressions;
+    }
+
+    const QRegularExpression &operator[](Field field) const { return m_expressions[field]; }
+
+    // The ready-made expression for one of the nine keys, or a new one for any other key:
+    // the same pattern either way.
+    QRegularExpression forKey(const QString &key) const
+    {
+        for (int field = 0; field < FieldCount; ++field) {
+            if (key == QLatin1String(s_keys[field]))
+                return m_expressions[field];
+        }
+        return valueExpression(key);
+    }
+
+private:
+    RecordExpressions()
+    {
+        for (int field = 0; field < FieldCount; ++field)
+            m_expressions[field] = valueExpression(s_keys[field]);
+    }
+
+    static constexpr const char *s_keys[FieldCount]
+        = {factoryTcxoKey, factoryTemperatureKey, factoryTuningSensitivityKey, fieldTcxoKey, fieldTemperatureKey,
+            fieldTuningSensitivityKey, fieldFixTimeKey, fixDecayTimeKey, refSourceDisplayKey};
+    QRegularExpression m_expressions[FieldCount];
 };
 
 // A renamed file is only durable once its directory entry is.
@@ -174,17 +213,18 @@ bool TcxoCalDevice::getTcxoCalFactors(TcxoCalFactors &factors) const
     const QString text = textOf(file.readAll());
     file.close();
 
-    static const RecordExpressions expressions;
+    const RecordExpressions &expressions = RecordExpressions::instance();
     bool complete = true;
-    complete &= readField(text, expressions.factoryTcxo, factors.factoryTcxo);
-    complete &= readField(text, expressions.factoryTemperature, factors.factoryTemperature);
-    complete &= readField(text, expressions.factoryTuningSensitivity, factors.factoryTuningSensitivity);
-    complete &= readField(text, expressions.fieldTcxo, factors.fieldTcxo);
-    complete &= readField(text, expressions.fieldTemperature, factors.fieldTemperature);
-    complete &= readField(text, expressions.fieldTuningSensitivity, factors.fieldTuningSensitivity);
-    complete &= readField(text, expressions.fieldFixTime, factors.fieldFixTime);
-    complete &= readField(text, expressions.fixDecayTime, factors.fixDecayTime);
-    complete &= readField(text, expressions.refSourceDisplay, factors.refSourceDisplay);
+    complete &= readField(text, expressions[RecordExpressions::FactoryTcxo], factors.factoryTcxo);
+    complete &= readField(text, expressions[RecordExpressions::FactoryTemperature], factors.factoryTemperature);
+    complete
+        &= readField(text, expressions[RecordExpressions::FactoryTuningSensitivity], factors.factoryTuningSensitivity);
+    complete &= readField(text, expressions[RecordExpressions::FieldTcxo], factors.fieldTcxo);
+    complete &= readField(text, expressions[RecordExpressions::FieldTemperature], factors.fieldTemperature);
+    complete &= readField(text, expressions[RecordExpressions::FieldTuningSensitivity], factors.fieldTuningSensitivity);
+    complete &= readField(text, expressions[RecordExpressions::FieldFixTime], factors.fieldFixTime);
+    complete &= readField(text, expressions[RecordExpressions::FixDecayTime], factors.fixDecayTime);
+    complete &= readField(text, expressions[RecordExpressions::RefSourceDisplay], factors.refSourceDisplay);
     return complete;
 }
 
@@ -198,7 +238,7 @@ QString TcxoCalDevice::getValue(const QString &key, bool fromCache) const
         critical() << "Cannot open file" << file.fileName();
         return QString();
     }
-    const QRegularExpressionMatch match = valueExpression(key).match(textOf(file.readAll()));
+    const QRegularExpressionMatch match = RecordExpressions::instance().forKey(key).match(textOf(file.readAll()));
     file.close();
     if (!match.hasMatch()) {
         critical() << "Did not find value for " << key << " in " << file.fileName();

@@ -3,6 +3,7 @@
 
 #include <QSemaphore>
 #include <QTest>
+#include <QThread>
 
 #include <atomic>
 #include <thread>
@@ -55,6 +56,24 @@ private Q_SLOTS:
     }
 
     // Threads add, replace, remove and look up the same few names at once; every root found is whole.
+    // A root's destruction may use the manager: the registry lets go of it outside its lock.
+    void rootDestructionUsesTheManager()
+    {
+        QSharedPointer<Pal::KrPalRoot> root = makeRoot("a");
+        QObject::connect(root.data(), &QObject::destroyed, [] { Manager::add("App", Manager::application("a")); });
+        Manager::add("a", root);
+        root.reset();
+        QScopedPointer<QThread> remover(QThread::create([] { Manager::remove("a"); }));
+        remover->start();
+        if (!remover->wait(5000)) {
+            remover.take(); // deadlocked on the registry lock: leave it rather than abort
+            QFAIL("remove() deadlocked while its root was destroyed");
+        }
+        QVERIFY(!Manager::loaded("a"));
+        QVERIFY(Manager::loaded("App"));
+        QVERIFY(Manager::application("App").isNull());
+    }
+
     void concurrentUse()
     {
         std::atomic<int> wholeRoots{0}, brokenRoots{0};

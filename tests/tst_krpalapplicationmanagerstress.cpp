@@ -1,5 +1,5 @@
 // The application manager under load: threads add, replace, remove and look up roots at once,
-// and the roots that the registry lets go of for the last time are destroyed under its lock,
+// and the roots that the registry lets go of for the last time are destroyed right after its lock,
 // inside add() and remove(). Every root found is whole and alive, every root is destroyed
 // exactly once, and none is left at the end.
 
@@ -148,14 +148,15 @@ private Q_SLOTS:
 
         QVERIFY(rootsFound > 0);
         QCOMPARE(brokenRoots.load(), 0);
-        // Each replacement of an own root released the one before, under the lock.
+        // Each replacement of an own root released the one before, inside add().
         QVERIFY(TrackedDevice::s_destroyedInRegistry >= ownReplacements - threadCount);
 
         for (const QString &name : sharedNames)
             remove(name);
         QCOMPARE(TrackedDevice::s_destroyedInRegistry + TrackedDevice::s_destroyedElsewhere,
             TrackedDevice::s_created.load());
-        qInfo("%d registry operations on %d threads; %d roots made, %d destroyed under the lock, %d elsewhere",
+        qInfo(
+            "%d registry operations on %d threads; %d roots made, %d destroyed inside add() or remove(), %d elsewhere",
             threadCount * operationsPerThread, threadCount, TrackedDevice::s_created.load(),
             TrackedDevice::s_destroyedInRegistry.load(), TrackedDevice::s_destroyedElsewhere.load());
     }
