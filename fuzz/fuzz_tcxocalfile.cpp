@@ -28,6 +28,7 @@
 #include <cfloat>
 #include <climits>
 #include <cstdint>
+#include <memory>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -67,7 +68,8 @@ quint32 floatBits(float value)
 // Finite and recognisable, so that a field left alone shows.
 const Factors sentinel{0xA5A5A5A5u, 1.5f, -2.5f, 77u, 3.25f, -4.75f, 8.5f, 16.25f, -32.5f};
 
-QTemporaryDir *s_workDir = nullptr;
+// Removed with its contents when libFuzzer ends the process normally.
+std::unique_ptr<QTemporaryDir> s_workDir;
 
 QString workPath(const QString &name)
 {
@@ -403,7 +405,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
     // tmpfs where there is one: every write is synced to storage, which costs a disk dearly.
     const QString base
         = QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm/krpal-fuzz-XXXXXX") : QString();
-    s_workDir = base.isEmpty() ? new QTemporaryDir : new QTemporaryDir(base);
+    s_workDir = base.isEmpty() ? std::make_unique<QTemporaryDir>() : std::make_unique<QTemporaryDir>(base);
     if (!s_workDir->isValid() || !QDir(s_workDir->path()).mkdir(QStringLiteral("cal"))) {
         std::fprintf(stderr, "cannot set up a working directory\n");
         std::abort();
