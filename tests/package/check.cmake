@@ -3,13 +3,7 @@
 # builds the consumer project against that root: with find_package(KrPal) and with pkg-config.
 cmake_minimum_required(VERSION 3.16)
 
-function(run)
-    execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
-    if(NOT rc EQUAL 0)
-        message(FATAL_ERROR "failed (${rc}): ${ARGN}\n${out}\n${err}")
-    endif()
-    set(RUN_OUTPUT "${out}" PARENT_SCOPE)
-endfunction()
+include("${CMAKE_CURRENT_LIST_DIR}/../cmake/checkhelpers.cmake")
 
 function(expect_match text regex what)
     if(NOT text MATCHES "${regex}")
