@@ -8,7 +8,8 @@ set(prefix "${WORK_DIR}/prefix")
 file(REMOVE_RECURSE "${WORK_DIR}")
 run("${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}")
 
-foreach(path lib/libKrPal.so.1 lib/libKrPal.so lib/libCrosscutting.so.1 include/pal/krpal_export.h
+foreach(path lib/libKrPal.so.1 lib/libKrPal.so lib/libKrPalDevices.so.1 lib/libKrPalDevices.so lib/libCrosscutting.so.1
+             include/pal/krpal_export.h include/pal/devices/krpaldevices_export.h lib/pkgconfig/KrPalDevices.pc
              include/crosscutting/crosscutting.h lib/cmake/KrPal/KrPalConfig.cmake
              lib/cmake/KrPal/KrPalConfigVersion.cmake lib/cmake/KrPal/KrPalTargets.cmake lib/pkgconfig/KrPal.pc)
     if(NOT EXISTS "${prefix}/${path}")
@@ -16,44 +17,46 @@ foreach(path lib/libKrPal.so.1 lib/libKrPal.so lib/libCrosscutting.so.1 include/
     endif()
 endforeach()
 
-run(readelf -d "${prefix}/lib/libKrPal.so.1")
-if(NOT RUN_OUTPUT MATCHES "Library soname: \\[libKrPal\\.so\\.1\\]")
-    message(FATAL_ERROR "libKrPal.so.1 lacks its SONAME:\n${RUN_OUTPUT}")
-endif()
+foreach(library libKrPal libKrPalDevices)
+    run(readelf -d "${prefix}/lib/${library}.so.1")
+    if(NOT RUN_OUTPUT MATCHES "Library soname: \\[${library}\\.so\\.1\\]")
+        message(FATAL_ERROR "${library}.so.1 lacks its SONAME:\n${RUN_OUTPUT}")
+    endif()
 
-# Only the public classes of namespace Pal leave the library.
-run(nm -D --defined-only -C "${prefix}/lib/libKrPal.so.1")
-string(REPLACE "\n" ";" symbols "${RUN_OUTPUT}")
-foreach(line IN LISTS symbols)
-    if(line STREQUAL "" OR line MATCHES " (_init|_fini|_edata|_end|__bss_start)$")
-        continue()
-    endif()
-    # Type information of standard-library templates (shared_ptr, std::function), and the
-    # static locals of their inline functions, are emitted with vague linkage wherever they
-    # are used; they belong to no class of ours.
-    if(line MATCHES " [VW] (typeinfo|typeinfo name|vtable) for std::" OR line MATCHES " [uV] std::")
-        continue()
-    endif()
-    # Sanitizer instrumentation of the library's own code: AddressSanitizer's ODR indicator of
-    # each exported Pal variable, and the type information of Qt's QObjectData that the vptr
-    # check of moc's metaObject() emits beside every QObject class.
-    if(SANITIZE AND line MATCHES " (__odr_asan\\._ZN3Pal|typeinfo (name )?for QObjectData$)")
-        continue()
-    endif()
-    # clang's check of indirect calls (-fsanitize=function, part of undefined) compares the
-    # type information of function types, which it emits with vague linkage where it calls.
-    if(SANITIZE AND line MATCHES " V typeinfo (name )?for [^(]+ \\(.*\\)$")
-        continue()
-    endif()
-    # The companion library's mutex has its destructor inline in its header, so the registry
-    # mutex's vtable and type information are emitted here with vague linkage, as in every
-    # user of that mutex; they stay the companion library's.
-    if(line MATCHES " [VW] (typeinfo|typeinfo name|vtable) for Crosscutting::")
-        continue()
-    endif()
-    if(NOT line MATCHES "Pal::" OR line MATCHES "Pal::Internal")
-        message(FATAL_ERROR "exported symbol outside the public classes: ${line}")
-    endif()
+    # Only the public classes of namespace Pal leave the library.
+    run(nm -D --defined-only -C "${prefix}/lib/${library}.so.1")
+    string(REPLACE "\n" ";" symbols "${RUN_OUTPUT}")
+    foreach(line IN LISTS symbols)
+        if(line STREQUAL "" OR line MATCHES " (_init|_fini|_edata|_end|__bss_start)$")
+            continue()
+        endif()
+        # Type information of standard-library templates (shared_ptr, std::function), and the
+        # static locals of their inline functions, are emitted with vague linkage wherever they
+        # are used; they belong to no class of ours.
+        if(line MATCHES " [VW] (typeinfo|typeinfo name|vtable) for std::" OR line MATCHES " [uV] std::")
+            continue()
+        endif()
+        # Sanitizer instrumentation of the library's own code: AddressSanitizer's ODR indicator of
+        # each exported Pal variable, and the type information of Qt's QObjectData that the vptr
+        # check of moc's metaObject() emits beside every QObject class.
+        if(SANITIZE AND line MATCHES " (__odr_asan\\._ZN3Pal|typeinfo (name )?for QObjectData$)")
+            continue()
+        endif()
+        # clang's check of indirect calls (-fsanitize=function, part of undefined) compares the
+        # type information of function types, which it emits with vague linkage where it calls.
+        if(SANITIZE AND line MATCHES " V typeinfo (name )?for [^(]+ \\(.*\\)$")
+            continue()
+        endif()
+        # The companion library's mutex has its destructor inline in its header, so the registry
+        # mutex's vtable and type information are emitted here with vague linkage, as in every
+        # user of that mutex; they stay the companion library's.
+        if(line MATCHES " [VW] (typeinfo|typeinfo name|vtable) for Crosscutting::")
+            continue()
+        endif()
+        if(NOT line MATCHES "Pal::" OR line MATCHES "Pal::Internal")
+            message(FATAL_ERROR "exported symbol outside the public classes: ${line}")
+        endif()
+    endforeach()
 endforeach()
 
 set(flags "")

@@ -43,7 +43,7 @@ run(dpkg-deb -f "${runtime_deb}" Depends)
 expect_match("${RUN_OUTPUT}" "libqt5core5a \\(>= 5\\." "libkrpal1 Depends")
 expect_match("${RUN_OUTPUT}" "libqt5positioning5 \\(>= 5\\." "libkrpal1 Depends")
 run(dpkg-deb -I "${runtime_deb}" shlibs)
-expect_match("${RUN_OUTPUT}" "^libCrosscutting 1 libkrpal1 \\(>= ${version}\\)\nlibKrPal 1 libkrpal1 \\(>= ${version}\\)\n?$"
+expect_match("${RUN_OUTPUT}" "^libCrosscutting 1 libkrpal1 \\(>= ${version}\\)\nlibKrPal 1 libkrpal1 \\(>= ${version}\\)\nlibKrPalDevices 1 libkrpal1 \\(>= ${version}\\)\n?$"
              "libkrpal1 shlibs")
 run(dpkg-deb -c "${runtime_deb}")
 string(REGEX MATCHALL "\\./[^\n]*[^/\n]\n" runtime_files "${RUN_OUTPUT}")
@@ -51,7 +51,8 @@ string(REGEX REPLACE " -> [^\n]*" "" runtime_files "${runtime_files}")
 string(REPLACE "\n" "" runtime_files "${runtime_files}")
 list(SORT runtime_files)
 set(expected_runtime_files "./${libdir}/libCrosscutting.so.1" "./${libdir}/libCrosscutting.so.1.0.0"
-                           "./${libdir}/libKrPal.so.1" "./${libdir}/libKrPal.so.${VERSION}")
+                           "./${libdir}/libKrPal.so.1" "./${libdir}/libKrPal.so.${VERSION}"
+                           "./${libdir}/libKrPalDevices.so.1" "./${libdir}/libKrPalDevices.so.${VERSION}")
 if(NOT runtime_files STREQUAL expected_runtime_files)
     message(FATAL_ERROR "libkrpal1 holds\n  ${runtime_files}\ninstead of\n  ${expected_runtime_files}")
 endif()
@@ -66,14 +67,15 @@ string(REGEX MATCHALL "\\./[^\n]*[^/\n]\n" dev_files "${RUN_OUTPUT}")
 string(REGEX REPLACE " -> [^\n]*" "" dev_files "${dev_files}")
 string(REPLACE "\n" "" dev_files "${dev_files}")
 foreach(path IN LISTS dev_files)
-    if(NOT path MATCHES "^\\./usr/include/(pal|crosscutting)/[a-z_]+\\.h$"
-       AND NOT path MATCHES "^\\./${libdir}/(lib(KrPal|Crosscutting)\\.so|cmake/(KrPal|Crosscutting)/[A-Za-z-]+\\.cmake|pkgconfig/KrPal\\.pc)$")
+    if(NOT path MATCHES "^\\./usr/include/(pal|pal/devices|crosscutting)/[a-z_]+\\.h$"
+       AND NOT path MATCHES "^\\./${libdir}/(lib(KrPal|KrPalDevices|Crosscutting)\\.so|cmake/(KrPal|Crosscutting)/[A-Za-z-]+\\.cmake|pkgconfig/KrPal(Devices)?\\.pc)$")
         message(FATAL_ERROR "libkrpal-dev holds an unexpected file: ${path}")
     endif()
 endforeach()
-foreach(path usr/include/pal/krpal_export.h usr/include/crosscutting/crosscutting.h ${libdir}/libKrPal.so
+foreach(path usr/include/pal/krpal_export.h usr/include/pal/devices/krpaldevices_export.h
+             usr/include/crosscutting/crosscutting.h ${libdir}/libKrPal.so ${libdir}/libKrPalDevices.so
              ${libdir}/cmake/KrPal/KrPalConfig.cmake ${libdir}/cmake/Crosscutting/CrosscuttingConfig.cmake
-             ${libdir}/pkgconfig/KrPal.pc)
+             ${libdir}/pkgconfig/KrPal.pc ${libdir}/pkgconfig/KrPalDevices.pc)
     if(NOT "./${path}" IN_LIST dev_files)
         message(FATAL_ERROR "libkrpal-dev lacks ${path}")
     endif()
