@@ -1,0 +1,235 @@
+#include <pal/devices/kruiodeviceproxy.h>
+#include <pal/devices/kruioregisters.h>
+#include <pal/krdatacollector.h>
+
+#include <QDir>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+using Pal::KrUioDeviceProxy;
+using Pal::KrUioRegisters;
+using Pairs = QList<QPair<quint32, quint32>>;
+
+class TestKrUioDeviceProxy : public QObject
+{
+    Q_OBJECT
+private:
+    QTemporaryDir m_root;
+    const int m_page = int(sysconf(_SC_PAGESIZE));
+
+    void put(const QString &path, const QByteArray &bytes)
+    {
+        QVERIFY(QDir().mkpath(QFileInfo(m_root.filePath(path)).path()));
+        QFile file(m_root.filePath(path));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+    }
+    void uio(int n, const QByteArray &name, const QList<QByteArray> &sizes)
+    {
+        put(QStringLiteral("sys/class/uio/uio%1/name").arg(n), name + '\n');
+        for (int i = 0; i < sizes.size(); ++i)
+            put(QStringLiteral("sys/class/uio/uio%1/maps/map%2/size").arg(n).arg(i), sizes.at(i) + '\n');
+    }
+    QByteArray node() const
+    {
+        QFile file(m_root.filePath(QStringLiteral("dev/uio1")));
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+    QString message(const QString &device, const QString &reason) const
+    {
+        return QStringLiteral("UIO device \"%1\": %2")
+            .arg(device, QString(reason).replace(QLatin1String("%1"), m_root.path()));
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        uio(0, "dac", {"0x1000"});
+        uio(1, "adc-ctrl", {"0x1000", "0x20"});
+        uio(2, "broken", {"0x0"});
+        uio(3, "short", {"0x1000"});
+        uio(4, "fifo", {"0x1000"});
+        uio(5, "absent", {"0x1000"});
+        put(QStringLiteral("dev/uio0"), QByteArray(m_page, 0));
+        put(QStringLiteral("dev/uio3"), QByteArray(100, 0));
+        put(QStringLiteral("dev/adc"), QByteArray(m_page, 0));
+        QCOMPARE(mkfifo(QFile::encodeName(m_root.filePath(QStringLiteral("dev/uio4"))).constData(), 0600), 0);
+    }
+    void init() { put(QStringLiteral("dev/uio1"), QByteArray(2 * m_page, 0)); }
+
+    void opening_data()
+    {
+        QTest::addColumn<QString>("device");
+        QTest::addColumn<int>("mapIndex");
+        QTest::addColumn<quint32>("mapSize");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("by name") << "adc-ctrl" << 0 << 0x1000u << "";
+        QTest::newRow("by node") << "/dev/uio1" << 1 << 0x20u << "";
+        QTest::newRow("unknown name") << "adc" << 0 << 0u << "no UIO device of this name in %1/sys/class/uio";
+        QTest::newRow("no such map") << "adc-ctrl" << 2 << 0u << "uio1 has no map 2";
+        QTest::newRow("size 0") << "broken" << 0 << 0u << "map 0 of uio2 has no usable size (\"0x0\")";
+        QTest::newRow("no uioN node") << "/dev/adc" << 0 << 0u << "%1/dev/adc is no UIO node (/dev/uioN)";
+        QTest::newRow("no node") << "absent" << 0 << 0u << "cannot open %1/dev/uio5: No such file or directory";
+        QTest::newRow("short image") << "short" << 0 << 0u
+                                     << "cannot map 4096 bytes of map 0 from %1/dev/uio3: the file holds 100 bytes";
+        QTest::newRow("unmappable") << "fifo" << 0 << 0u
+                                    << "cannot map 4096 bytes of map 0 from %1/dev/uio4: No such device";
+    }
+    void opening()
+    {
+        QFETCH(QString, device);
+        QFETCH(int, mapIndex);
+        QFETCH(quint32, mapSize);
+        QFETCH(QString, error);
+        KrUioDeviceProxy proxy(device, mapIndex, m_root.path());
+        const QString expected = error.isEmpty() ? QString() : message(device, error);
+        QCOMPARE(proxy.errorString(), expected);
+        QCOMPARE(proxy.isOpen(), error.isEmpty());
+        QCOMPARE(proxy.mapSize(), mapSize);
+        if (proxy.isOpen())
+            return;
+        char reply[8];
+        const QByteArray bytes = KrUioRegisters::write(0, 1);
+        QCOMPARE(proxy.write(bytes.constData(), bytes.size()), -1);
+        QCOMPARE(proxy.ioctl(reply, 4, reply, 8, 0), -1);
+        QCOMPARE(proxy.read(reply, 8), -1);
+        QCOMPARE(proxy.errorString(), expected);
+    }
+
+    void stores_data()
+    {
+        QTest::addColumn<int>("mapIndex");
+        QTest::addColumn<QByteArray>("batch");
+        QTest::addColumn<int>("at");
+        QTest::addColumn<QByteArray>("stored");
+        QTest::addColumn<QString>("error");
+        const Pairs pairs{{0, 0x11223344}, {8, 0xaabbccdd}, {0, 0x55667788}};
+        QTest::newRow("in order") << 0 << KrUioRegisters::writes(pairs) << 0
+                                  << QByteArray::fromHex("8877665500000000ddccbbaa") << "";
+        QTest::newRow("second map") << 1 << KrUioRegisters::writes({{0x1c, 7}, {4, 2}}) << m_page + 4
+                                    << QByteArray::fromHex("02").leftJustified(24, 0) + '\7' << "";
+        QTest::newRow("empty batch") << 0 << QByteArray() << 0 << QByteArray() << "";
+        QTest::newRow("half a pair") << 0 << KrUioRegisters::writes(pairs).left(20) << 0 << QByteArray()
+                                     << "a register batch of 20 bytes is no whole number of (offset, value) pairs";
+        QTest::newRow("past the map") << 0 << KrUioRegisters::writes(pairs + Pairs{{0x1000, 1}}) << 0 << QByteArray()
+                                      << "register offset 0x1000 is outside the map of 0x1000 bytes";
+        QTest::newRow("past map 1") << 1 << KrUioRegisters::writes({{0, 1}, {0x1e, 1}}) << 0 << QByteArray()
+                                    << "register offset 0x1e is outside the map of 0x20 bytes";
+        QTest::newRow("unaligned") << 0 << KrUioRegisters::writes(pairs + Pairs{{6, 1}}) << 0 << QByteArray()
+                                   << "register offset 0x6 is not a multiple of 4";
+    }
+    void stores()
+    {
+        QFETCH(int, mapIndex);
+        QFETCH(QByteArray, batch);
+        QFETCH(int, at);
+        QFETCH(QByteArray, stored);
+        QFETCH(QString, error);
+        KrUioDeviceProxy proxy(QStringLiteral("adc-ctrl"), mapIndex, m_root.path());
+        QCOMPARE(proxy.write(batch.constData(), batch.size()), error.isEmpty() ? batch.size() : -1);
+        QByteArray expected(2 * m_page, 0);
+        expected.replace(at, stored.size(), stored);
+        QCOMPARE(node(), expected);
+        QCOMPARE(proxy.errorString(), error.isEmpty() ? QString() : message(QStringLiteral("adc-ctrl"), error));
+    }
+
+    void loads_data()
+    {
+        QTest::addColumn<QList<quint32>>("offsets");
+        QTest::addColumn<quint32>("replySize");
+        QTest::addColumn<QList<quint32>>("values");
+        QTest::addColumn<QString>("error");
+        QTest::newRow("three") << QList<quint32>{8, 0, 8} << 12u << QList<quint32>{0xc0de0002, 0xc0de0000, 0xc0de0002}
+                               << "";
+        QTest::newRow("reply too small") << QList<quint32>{0, 4} << 7u << QList<quint32>{}
+                                         << "a reply of 7 bytes cannot hold the 2 registers asked for";
+        QTest::newRow("past the map") << QList<quint32>{0, 0x2000} << 8u << QList<quint32>{}
+                                      << "register offset 0x2000 is outside the map of 0x1000 bytes";
+    }
+    void loads()
+    {
+        QFETCH(QList<quint32>, offsets);
+        QFETCH(quint32, replySize);
+        QFETCH(QList<quint32>, values);
+        QFETCH(QString, error);
+        KrUioDeviceProxy proxy(QStringLiteral("adc-ctrl"), 0, m_root.path());
+        QByteArray request = KrUioRegisters::offsets(offsets);
+        QCOMPARE(proxy.write(KrUioRegisters::writes({{0, 0xc0de0000}, {8, 0xc0de0002}}).constData(), 16), 16);
+        QByteArray reply(16, 0);
+        const qint64 result = proxy.ioctl(request.data(), request.size(), reply.data(), replySize, 0);
+        QCOMPARE(result, error.isEmpty() ? request.size() : -1);
+        QCOMPARE(KrUioRegisters::values(reply.constData(), result), values);
+        QCOMPARE(proxy.errorString(), error.isEmpty() ? QString() : message(QStringLiteral("adc-ctrl"), error));
+    }
+
+    // The kernel's UIO node stood in for by a pseudo-terminal: what the test writes to the
+    // master is the interrupt count the proxy reads, and the master receives the proxy's
+    // interrupt enables.
+    void interrupts()
+    {
+        const int master = posix_openpt(O_RDWR | O_NOCTTY);
+        if (master < 0 || grantpt(master) || unlockpt(master))
+            QSKIP("this machine has no pseudo-terminals");
+        const int slave = ::open(ptsname(master), O_RDWR | O_NOCTTY);
+        termios raw{};
+        QVERIFY(slave >= 0 && tcgetattr(slave, &raw) == 0);
+        cfmakeraw(&raw);
+        QCOMPARE(tcsetattr(slave, TCSANOW, &raw), 0);
+        uio(7, "irq", {});
+        QVERIFY(QFile::link(QFile::decodeName(ptsname(master)), m_root.filePath(QStringLiteral("dev/uio7"))));
+        const auto enables = [master] {
+            QByteArray got(8, 0);
+            pollfd wait{master, POLLIN, 0};
+            const int n = poll(&wait, 1, 1000) == 1 ? int(::read(master, got.data(), 8)) : 0;
+            return got.left(n);
+        };
+        const auto interrupt = [master](quint32 count) { return ::write(master, &count, 4) == 4; };
+        {
+            KrUioDeviceProxy proxy(QStringLiteral("irq"), KrUioDeviceProxy::NoMap, m_root.path());
+            QVERIFY2(proxy.isOpen(), qPrintable(proxy.errorString()));
+            QCOMPARE(enables(), QByteArray::fromHex("01000000"));
+            char count[8] = {};
+            QCOMPARE(proxy.read(count, 8), 0);
+            QCOMPARE(proxy.read(count, 3), -1);
+            QCOMPARE(proxy.errorString(),
+                message(QStringLiteral("irq"),
+                    "an interrupt count needs 4 bytes, the "
+                    "buffer holds 3"));
+            QSignalSpy readyRead(&proxy, &KrUioDeviceProxy::readyRead);
+            QVERIFY(interrupt(12) && readyRead.wait(1000));
+            QCOMPARE(enables(), QByteArray::fromHex("01000000"));
+            QCOMPARE(proxy.read(count, 8), 4);
+            QCOMPARE(QByteArray(count, 8), QByteArray::fromHex("0c00000000000000"));
+            QCOMPARE(proxy.read(count, 8), 0);
+
+            // Gathered on this thread, where QTRY_COMPARE reads them.
+            QList<QByteArray> buffers;
+            QList<QByteArray> expected;
+            QObject sink;
+            Pal::KrDataCollector collector(&proxy, 6, nullptr);
+            connect(&collector, &Pal::KrDataCollector::rawDataReady, &sink,
+                [&buffers](const QByteArray &buffer) { buffers.append(buffer); });
+            collector.start();
+            for (const auto &count :
+                {qMakePair(13u, QByteArray("0d0000000000")), qMakePair(0x10203u, QByteArray("030201000000"))}) {
+                expected.append(QByteArray::fromHex(count.second));
+                QVERIFY(interrupt(count.first));
+                QTRY_COMPARE_WITH_TIMEOUT(buffers, expected, 1000);
+                QCOMPARE(enables(), QByteArray::fromHex("01000000"));
+            }
+            collector.stop();
+        }
+        ::close(slave);
+        ::close(master);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKrUioDeviceProxy)
+#include "tst_kruiodeviceproxy.moc"
