@@ -4,7 +4,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QMutexLocker>
 #include <QSocketNotifier>
 #include <QtEndian>
 
@@ -194,7 +193,7 @@ bool KrUioDeviceProxy::isOpen() const
 
 QString KrUioDeviceProxy::errorString() const
 {
-    const QMutexLocker locker(&m_errorLock);
+    const std::lock_guard<std::mutex> locker(m_errorLock);
     return m_errorString;
 }
 
@@ -211,7 +210,7 @@ bool KrUioDeviceProxy::fail(const QString &reason)
 
 void KrUioDeviceProxy::setError(const QString &reason)
 {
-    const QMutexLocker locker(&m_errorLock);
+    const std::lock_guard<std::mutex> locker(m_errorLock);
     m_errorString = QStringLiteral("UIO device \"%1\": %2").arg(m_device, reason);
 }
 
@@ -297,7 +296,7 @@ qint64 KrUioDeviceProxy::read(char *data, qint64 maxSize)
         return 0;
     quint32 count = 0;
     {
-        const QMutexLocker locker(&m_interruptLock);
+        const std::lock_guard<std::mutex> locker(m_interruptLock);
         if (m_interruptWaiting) {
             m_interruptWaiting = false;
             count = m_waitingCount;
@@ -346,7 +345,7 @@ void KrUioDeviceProxy::onInterrupt()
     // one; its count tells how many came.
     int taken;
     {
-        const QMutexLocker locker(&m_interruptLock);
+        const std::lock_guard<std::mutex> locker(m_interruptLock);
         quint32 count = 0;
         taken = takeInterrupt(count);
         if (taken > 0) {

@@ -3,8 +3,9 @@
 #include <pal/devices/krpaldevices_export.h>
 #include <pal/krabstractdeviceproxy.h>
 
-#include <QMutex>
 #include <QString>
+
+#include <mutex>
 
 class QSocketNotifier;
 
@@ -77,12 +78,12 @@ private:
     QSocketNotifier *m_notifier = nullptr;
 
     // Guards the node's read and write and the interrupt taken by the event loop but not
-    // yet read.
-    QMutex m_interruptLock;
+    // yet read. Standard mutexes, which the thread sanitizer sees through.
+    std::mutex m_interruptLock;
     bool m_interruptWaiting = false;
     quint32 m_waitingCount = 0;
 
-    mutable QMutex m_errorLock;
+    mutable std::mutex m_errorLock;
     QString m_errorString;
 };
 

@@ -7,6 +7,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <condition_variable>
+#include <mutex>
+
 #include <poll.h>
 #include <pty.h>
 #include <sys/stat.h>
@@ -18,8 +21,19 @@ using Pal::KrUioRegisters;
 class TestKrUioDeviceProxy : public QObject
 {
     Q_OBJECT
+public Q_SLOTS:
+    void record(const QByteArray &buffer)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_buffers.append(buffer);
+        m_recorded.notify_all();
+    }
+
 private:
     QTemporaryDir m_root;
+    std::mutex m_mutex;
+    std::condition_variable m_recorded;
+    QList<QByteArray> m_buffers; // rawDataReady, on the collector thread
     const int m_page = int(sysconf(_SC_PAGESIZE));
 
     void put(const QString &path, const QByteArray &bytes)
@@ -184,19 +198,18 @@ private Q_SLOTS:
             QCOMPARE(QByteArray(count, 8), QByteArray::fromHex("0c00000000000000"));
             QCOMPARE(proxy.read(count, 8), 0);
 
-            // Gathered on this thread, where QTRY_COMPARE reads them.
-            QList<QByteArray> buffers;
-            QList<QByteArray> expected;
-            QObject sink;
             Pal::KrDataCollector collector(&proxy, 6, nullptr);
-            connect(&collector, &Pal::KrDataCollector::rawDataReady, &sink,
-                [&buffers](const QByteArray &buffer) { buffers.append(buffer); });
+            // By name and direct, as the collector tests do: seen by the thread sanitizer.
+            connect(&collector, SIGNAL(rawDataReady(QByteArray)), this, SLOT(record(QByteArray)), Qt::DirectConnection);
             collector.start();
+            QList<QByteArray> expected;
             for (const auto &count :
                 {qMakePair(13u, QByteArray("0d0000000000")), qMakePair(0x10203u, QByteArray("030201000000"))}) {
                 expected.append(QByteArray::fromHex(count.second));
                 QVERIFY(interrupt(count.first));
-                QTRY_COMPARE_WITH_TIMEOUT(buffers, expected, 1000);
+                std::unique_lock<std::mutex> lock(m_mutex);
+                QVERIFY(m_recorded.wait_for(lock, std::chrono::seconds(1), [&] { return m_buffers == expected; }));
+                lock.unlock();
                 QCOMPARE(enables(), QByteArray::fromHex("01000000"));
             }
             collector.stop();
