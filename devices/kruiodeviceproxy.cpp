@@ -60,7 +60,7 @@ QByteArray attribute(const QString &path)
 int uioNumber(const QString &entry)
 {
     bool ok = false;
-    const int number = entry.midRef(3).toInt(&ok);
+    const int number = entry.mid(3).toInt(&ok);
     return entry.startsWith(QLatin1String("uio")) && ok && number >= 0 ? number : -1;
 }
 
@@ -238,7 +238,7 @@ qint64 KrUioDeviceProxy::write(const char *data, qint64 size)
     // The whole batch first: a rejected batch leaves every register as it was. One pass
     // without branches; the first bad offset is looked for only when there is one.
     const quint32 last = m_mapSize < 4 ? 0 : m_mapSize - 4;
-    bool bad = m_mapSize < 4;
+    bool bad = m_mapSize < 4 && size > 0;
     for (qint64 at = 0; at < size; at += 8) {
         const quint32 offset = qFromLittleEndian<quint32>(data + at);
         bad |= (offset > last) | ((offset & 3) != 0);
