@@ -6,12 +6,13 @@ namespace Pal {
 
 QByteArray KrUioRegisters::writes(const QList<QPair<quint32, quint32>> &offsetValuePairs)
 {
-    QByteArray bytes(offsetValuePairs.size() * 8, Qt::Uninitialized);
-    char *out = bytes.data();
+    QByteArray bytes;
+    bytes.reserve(offsetValuePairs.size() * 8);
     for (const QPair<quint32, quint32> &pair : offsetValuePairs) {
-        qToLittleEndian(pair.first, out);
-        qToLittleEndian(pair.second, out + 4);
-        out += 8;
+        char little[8];
+        qToLittleEndian(pair.first, little);
+        qToLittleEndian(pair.second, little + 4);
+        bytes.append(little, 8);
     }
     return bytes;
 }
@@ -23,11 +24,12 @@ QByteArray KrUioRegisters::write(quint32 offset, quint32 value)
 
 QByteArray KrUioRegisters::offsets(const QList<quint32> &offsets)
 {
-    QByteArray bytes(offsets.size() * 4, Qt::Uninitialized);
-    char *out = bytes.data();
+    QByteArray bytes;
+    bytes.reserve(offsets.size() * 4);
     for (const quint32 offset : offsets) {
-        qToLittleEndian(offset, out);
-        out += 4;
+        char little[4];
+        qToLittleEndian(offset, little);
+        bytes.append(little, 4);
     }
     return bytes;
 }
