@@ -235,14 +235,18 @@ qint64 KrUioDeviceProxy::write(const char *data, qint64 size)
         setError(QStringLiteral("a register batch of %1 bytes is no whole number of (offset, value) pairs").arg(size));
         return -1;
     }
-    // The whole batch first: a rejected batch leaves every register as it was. One pass
-    // without branches; the first bad offset is looked for only when there is one.
+    // The whole batch first: a rejected batch leaves every register as it was. Flags gathered
+    // without branches let the compiler vectorise the pass; the first bad offset is looked for
+    // only when there is one.
     const quint32 last = m_mapSize < 4 ? 0 : m_mapSize - 4;
-    bool bad = m_mapSize < 4 && size > 0;
+    quint32 outside = m_mapSize < 4 ? 1 : 0;
+    quint32 lowBits = 0;
     for (qint64 at = 0; at < size; at += 8) {
         const quint32 offset = qFromLittleEndian<quint32>(data + at);
-        bad |= (offset > last) | ((offset & 3) != 0);
+        outside |= quint32(offset > last);
+        lowBits |= offset;
     }
+    const bool bad = size > 0 && (outside != 0 || (lowBits & 3) != 0);
     if (bad) {
         for (qint64 at = 0; at < size; at += 8) {
             if (!checkOffset(qFromLittleEndian<quint32>(data + at)))
