@@ -73,6 +73,10 @@ const Row rows[] = {
         Comparison::TimeAtMost, 2},
     {"  context: one thread, no writer", {"registry/application", "one_reader_ns"}, lookupsWithoutWriter,
         Comparison::TimeAtMost, 0},
+    {"devices: collector on a pipe, 64 KiB", {"devices/collector_on_pipe", "collector_ns"},
+        {"devices/collector_on_pipe", "plain_read_loop_ns"}, Comparison::ThroughputAtLeast, 0.9},
+    {"devices: ioctl over a pseudo-terminal", {"devices/ioctl_over_pty", "ioctl_ns"},
+        {"devices/ioctl_over_pty", "write_poll_read_ns"}, Comparison::TimeAtMost, 1.1},
 };
 
 const char memoryBenchmark[] = "memory/root_of_1000_devices";
@@ -243,6 +247,7 @@ int main(int argc, char **argv)
     Bench::registerResultRendering();
     Bench::registerApplicationLookup();
     Bench::registerDeviceMemory();
+    Bench::registerDeviceTransport();
 
     std::printf("load average before the run: %s\n", loadAverage().c_str());
     TableReporter reporter;
