@@ -69,8 +69,8 @@ QLatin1String parityName(KrSerialDeviceProxy::Parity parity)
 
 bool isTerminal(int descriptor)
 {
-    termios2 line;
-    return control(descriptor, TCGETS2, &line) == 0;
+    termios line;
+    return control(descriptor, TCGETS, &line) == 0;
 }
 
 QString applySerialLine(int descriptor, const SerialLine &wanted, qint32 *baudRate)

@@ -74,6 +74,21 @@ public:
     QString slavePath;
 };
 
+/// Reads from @p proxy until @p count bytes came or it failed.
+template<typename Proxy>
+QByteArray collect(Proxy &proxy, int count)
+{
+    QByteArray bytes;
+    char buffer[4096];
+    for (const QDeadlineTimer deadline(5000); bytes.size() < count && !deadline.hasExpired();) {
+        const qint64 got = proxy.read(buffer, qMin<qint64>(sizeof buffer, count - bytes.size()));
+        if (got < 0)
+            break;
+        bytes.append(buffer, int(got));
+    }
+    return bytes;
+}
+
 /// Every byte value four times over: CR, LF, ^C, ^S and ^Q among them.
 inline QByteArray allByteValues()
 {

@@ -19,21 +19,6 @@ using Pal::KrFileDeviceProxy;
 
 namespace {
 
-// Reads from the proxy until @p count bytes came or the proxy failed.
-QByteArray collect(KrFileDeviceProxy &proxy, int count)
-{
-    QByteArray bytes;
-    const QDeadlineTimer deadline(5000);
-    char buffer[4096];
-    while (bytes.size() < count && !deadline.hasExpired()) {
-        const qint64 got = proxy.read(buffer, qMin<qint64>(sizeof buffer, count - bytes.size()));
-        if (got < 0)
-            break;
-        bytes.append(buffer, int(got));
-    }
-    return bytes;
-}
-
 // Plays a device that answers each request line: reads one line from the master, then sends
 // @p answer (nothing when empty).
 std::thread answer(const PtyPair &pty, const QByteArray &answer, QByteArray *request)
@@ -201,28 +186,9 @@ private Q_SLOTS:
         QCOMPARE(request, QByteArray("B?\n"));
     }
 
-    void readDuringAnExchangeTakesNothing()
-    {
-        PtyPair pty(true);
-        KrFileDeviceProxy proxy(pty.slavePath);
-        char reply[16];
-        qint64 got = 0;
-        std::thread caller([&] {
-            char ask[] = "V?\n";
-            got = proxy.ioctl(ask, 3, reply, sizeof reply, 5000);
-        });
-        QCOMPARE(pty.receive(3, "\n"), QByteArray("V?\n"));
-        QVERIFY(pty.send("part"));
-        char buffer[16];
-        for (const QDeadlineTimer busy(20); !busy.hasExpired();)
-            QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(0));
-        QVERIFY(pty.send("\n"));
-        caller.join();
-        QCOMPARE(QByteArray(reply, int(got)), QByteArray("part\n"));
-    }
-
     // A command thread writes, another caller exchanges, a collector reads, all at once: each
-    // write and each request reaches the device whole, and each reply its own exchange.
+    // write and each request reaches the device whole, and each reply its own exchange, never
+    // the collector.
     void concurrentWritesAndExchanges()
     {
         PtyPair pty(true);
