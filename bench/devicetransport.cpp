@@ -113,6 +113,10 @@ void collectorOnPipe(benchmark::State &state)
     const int collectedWriter = ::open(collected.constData(), O_WRONLY | O_CLOEXEC);
     const int plainReader = ::open(plain.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     const int plainWriter = ::open(plain.constData(), O_WRONLY | O_CLOEXEC);
+    // Both pipes hold 1 MiB, as a driver's FIFO for a fast stream would: the collector's
+    // pause after an empty read then does not stall the writer.
+    ::fcntl(collectedWriter, F_SETPIPE_SZ, 1024 * 1024);
+    ::fcntl(plainWriter, F_SETPIPE_SZ, 1024 * 1024);
     Arrival collectorArrival;
     Arrival plainArrival;
     {
@@ -129,7 +133,7 @@ void collectorOnPipe(benchmark::State &state)
             if (::poll(&entry, 1, 1) <= 0)
                 return;
             QByteArray buffer(bufferSize, Qt::Uninitialized);
-            const ssize_t count = ::read(plainReader, buffer.data(), bufferSize);
+            const ssize_t count = ::read(plainReader, opaque(buffer.data()), bufferSize);
             if (count > 0)
                 plainArrival.check(plainReceived += count);
         });

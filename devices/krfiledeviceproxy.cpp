@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -98,8 +99,13 @@ KrFileDeviceProxy::Line::Line(KrFileDeviceProxy &proxy, Use use, QDeadlineTimer 
     , m_use(use)
 {
     std::unique_lock<std::mutex> lock(m_proxy.m_mutex);
-    m_held = m_proxy.m_lineFree.wait_for(lock, std::chrono::milliseconds(qMax<qint64>(0, deadline.remainingTime())),
-        [this] { return !m_proxy.m_lineTaken; });
+    const auto lineFree = [this] { return !m_proxy.m_lineTaken; };
+    if (deadline.isForever()) {
+        m_proxy.m_lineFree.wait(lock, lineFree);
+        m_held = true;
+    } else {
+        m_held = m_proxy.m_lineFree.wait_for(lock, std::chrono::milliseconds(deadline.remainingTime()), lineFree);
+    }
     if (!m_held) {
         m_proxy.m_error
             = QStringLiteral("%1 stayed busy with another operation until the deadline").arg(m_proxy.m_path);
@@ -267,7 +273,8 @@ qint64 KrFileDeviceProxy::ioctl(char *request, int requestSize, char *reply, qui
     QByteArray answer;
     if (exchange(request, qMax(0, requestSize), &answer, qint64(replySize), replyTerminator(), deadline) != Io::Done)
         return -1;
-    std::memcpy(reply, answer.constData(), size_t(answer.size()));
+    if (!answer.isEmpty())
+        std::memcpy(reply, answer.constData(), size_t(answer.size()));
     return answer.size();
 }
 
@@ -337,20 +344,21 @@ KrFileDeviceProxy::Io KrFileDeviceProxy::readReply(
             m_input.remove(0, int(maxSize));
             break;
         }
+        // Waits first: just after a request its reply is not there yet.
+        result = waitFor(descriptor, POLLIN, deadline, "a reply from");
+        if (result != Io::Done)
+            break;
         const ssize_t count = ::read(descriptor, chunk, sizeof chunk);
         if (count > 0) {
             m_input.append(chunk, int(count));
             continue;
         }
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
             continue;
-        if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-            result = waitFor(descriptor, POLLIN, deadline, "a reply from");
-            if (result != Io::Done)
-                break;
-            continue;
-        }
         if (count == 0 && !hungUp(descriptor)) {
+            // A raw tty reads 0 when idle (VMIN and VTIME 0); any other node has ended.
+            if (m_isTty)
+                continue;
             setError(QStringLiteral("%1 ended before a whole reply").arg(m_path));
         } else {
             failed(descriptor, count < 0 ? errno : EIO, "read a reply from");
@@ -372,6 +380,29 @@ KrFileDeviceProxy::Io KrFileDeviceProxy::exchange(const char *request, qint64 re
     if (sent != Io::Done)
         return sent;
     return readReply(reply, maxSize, terminator, deadline);
+}
+
+qint64 KrFileDeviceProxy::bytesAvailable()
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const int descriptor = acquireLocked(lock);
+    if (descriptor < 0)
+        return -1;
+    int waiting = 0;
+    qint64 result = m_exchanging ? 0 : m_input.size();
+    if (::ioctl(descriptor, FIONREAD, &waiting) < 0) {
+        const int error = errno;
+        failLocked(descriptor, QStringLiteral("cannot ask %1 for its input: %2").arg(m_path, qt_error_string(error)),
+            isLoss(error));
+        result = -1;
+    } else if (waiting == 0 && hungUp(descriptor)) {
+        failLocked(descriptor, QStringLiteral("%1 has hung up").arg(m_path), true);
+        result = -1;
+    } else if (!m_exchanging) {
+        result += waiting;
+    }
+    releaseLocked(descriptor);
+    return result;
 }
 
 bool KrFileDeviceProxy::open()
@@ -498,6 +529,7 @@ bool KrFileDeviceProxy::openLocked()
     m_descriptor = descriptor;
     m_failed = false;
     m_isPipe = S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+    m_isTty = ::isatty(descriptor) == 1;
     m_readable = mode != O_WRONLY;
     m_input.clear();
     m_error.clear();
@@ -568,8 +600,10 @@ KrFileDeviceProxy::Io KrFileDeviceProxy::waitFor(
             setError(QStringLiteral("timed out waiting for %1 %2").arg(QLatin1String(what), m_path));
             return Io::TimedOut;
         }
-        // Input that came before a hang-up is still read; the read then finds the loss.
-        if ((entry.revents & events) && !(events == POLLOUT && (entry.revents & (POLLHUP | POLLERR))))
+        // Input that came before a pipe's hang-up is still read; the read then finds the end.
+        // A hung-up tty has none, though it reports input.
+        const bool broken = entry.revents & (POLLHUP | POLLERR | POLLNVAL);
+        if ((entry.revents & events) && !(broken && (events == POLLOUT || m_isTty)))
             return Io::Done;
         const std::lock_guard<std::mutex> lock(m_mutex);
         failLocked(descriptor, QStringLiteral("%1 has hung up").arg(m_path), true);

@@ -106,6 +106,10 @@ protected:
     Io exchange(const char *request, qint64 requestSize, QByteArray *reply, qint64 maxSize,
         const QByteArray &terminator, QDeadlineTimer deadline);
 
+    /// How many bytes wait to be read, without reading them (a stream proxy that hands out
+    /// whole blocks asks before it reads); -1 when the node failed or is gone.
+    qint64 bytesAvailable();
+
     /// Opens the node now (see the protected constructor), or reconfigures it when open after
     /// a setting changed. False with errorString() when it failed.
     bool open();
@@ -146,6 +150,7 @@ private:
     bool m_failed = false; // the open descriptor failed; closed with its last use
     bool m_warned = false; // this loss was logged; cleared when the node is back
     bool m_isPipe = false;
+    bool m_isTty = false;
     bool m_readable = false;
     QDeadlineTimer m_nextOpen; // no open attempt before it
     QString m_error;

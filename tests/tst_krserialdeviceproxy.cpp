@@ -8,6 +8,7 @@
 #include <QTest>
 
 #include <memory>
+#include <thread>
 
 using Pal::KrSerialDeviceProxy;
 
@@ -62,6 +63,16 @@ private Q_SLOTS:
         QCOMPARE(collect(proxy, bytes.size()), bytes);
         QCOMPARE(proxy.write(bytes.constData(), bytes.size()), qint64(bytes.size()));
         QCOMPARE(pty.receive(bytes.size()), bytes);
+        // A raw line reads 0 while idle: a reply is waited for all the same.
+        std::thread device([&pty] {
+            if (pty.receive(64, "\n") == "T?\n")
+                pty.send(QByteArray("+21.5\r\0\n", 8));
+        });
+        char request[] = "T?\n";
+        char reply[16];
+        QCOMPARE(proxy.ioctl(request, 3, reply, sizeof reply, 5000), qint64(8));
+        device.join();
+        QCOMPARE(QByteArray(reply, 8), QByteArray("+21.5\r\0\n", 8));
     }
 
     void settings_data()
