@@ -124,7 +124,6 @@ private Q_SLOTS:
 private:
     friend class Line;
 
-    void construct(bool openNow);
     int acquireLocked(std::unique_lock<std::mutex> &lock);
     void releaseLocked(int descriptor);
     void release(int descriptor);
