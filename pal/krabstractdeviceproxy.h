@@ -19,6 +19,7 @@ class KRPAL_EXPORT KrAbstractDeviceProxy : public QObject
 {
     Q_OBJECT
 public:
+    /// A subclass that the factory builds declares `Q_INVOKABLE explicit X(QObject *parent = nullptr)`.
     explicit KrAbstractDeviceProxy(QObject *parent = nullptr);
     ~KrAbstractDeviceProxy() override;
 
@@ -30,7 +31,11 @@ public:
     virtual qint64 ioctl(char *request, int requestSize, char *reply, quint32 replySize, quint32 timeoutMs) = 0;
 
 Q_SIGNALS:
+    /// Input is waiting. Re-emitted by every device abstraction that adopted the proxy as its
+    /// rawDataReady(), on the thread that emitted it; the only source of that signal.
     void readyRead();
+    /// @p size bytes of input, valid during the emission only; re-emitted as the device
+    /// abstraction's dataReady().
     void dataReady(const char *data, int size);
 };
 

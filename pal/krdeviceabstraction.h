@@ -49,12 +49,17 @@ public:
     qint64 read(char *data, qint64 maxSize);
     /// One request-and-reply exchange on the caller's thread; -1 when rejected.
     virtual qint64 ioctl(quint16 commandId, char *buffer, quint32 size, quint32 timeoutMs);
+    /// A hook for devices that gather data on request (KrPalRoot::collectData()); the base
+    /// does nothing.
     virtual void collectData();
     /// Consulted once for every rejected command; its answer does not change the result.
     virtual bool commandBlacklisted(quint16 commandId);
 
+    /// The time-out of write() without one; 4000 ms until changed.
     void setTimeoutInMs(quint32 timeoutMs);
+    /// The time-out of write() without one.
     quint32 timeoutInMs() const;
+    /// The device key given at construction.
     const QByteArray &id() const;
 
     /// Runs @p job on the command thread and waits at most @p timeoutMs for it: the job's
@@ -68,7 +73,10 @@ public:
     void prepareThread();
 
 Q_SIGNALS:
+    /// The proxy's readyRead(), on the thread that emitted it; nothing else emits it (a
+    /// KrDataCollector emits its own rawDataReady(const QByteArray &)).
     void rawDataReady(const KrDeviceAbstraction &deviceAbstraction);
+    /// The proxy's dataReady(), forwarded.
     void dataReady(const char *data, int size);
 
 private:

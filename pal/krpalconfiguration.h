@@ -30,12 +30,16 @@ public:
 
     /// The command ids that the device under @p id accepts, for the application's own use.
     virtual QList<quint16> commandIds(const QByteArray &id) const;
+    /// The formatters of the device under @p id, passed to its constructor; empty by default.
+    /// ioctl() calls a request's formatter with an empty value.
     virtual CommandFormatters commandFormatters(const QByteArray &id) const;
+    /// The proxy class of the device under @p id (`X::staticMetaObject`); none by default.
     virtual QMetaObject deviceProxy(const QByteArray &id) const;
     /// A device built by hand; an empty pointer lets the library build it from its classes.
     virtual std::shared_ptr<KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const;
     /// The device keys of the board, in the order in which they are built.
     virtual QList<QByteArray> deviceAbstractionIds() const = 0;
+    /// The device class of the device under @p id; none by default.
     virtual QMetaObject deviceAbstraction(const QByteArray &id) const;
 
     /// A new root holding every device that could be built; never null. Each key that yields

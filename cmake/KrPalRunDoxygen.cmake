@@ -1,0 +1,22 @@
+# Runs Doxygen on the configured Doxyfile in DOCS_DIR and shows its warnings; with
+# FAIL_ON_WARNINGS, any warning fails the run.
+cmake_minimum_required(VERSION 3.16)
+
+set(log "${DOCS_DIR}/doxygen-warnings.log")
+file(REMOVE "${log}")
+execute_process(COMMAND "${DOXYGEN}" Doxyfile WORKING_DIRECTORY "${DOCS_DIR}" RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "doxygen failed (${rc})")
+endif()
+set(warnings "")
+if(EXISTS "${log}")
+    file(READ "${log}" warnings)
+    string(STRIP "${warnings}" warnings)
+endif()
+if(warnings STREQUAL "")
+    message(STATUS "API reference without warnings: ${DOCS_DIR}/html/index.html")
+elseif(FAIL_ON_WARNINGS)
+    message(FATAL_ERROR "Doxygen warnings:\n${warnings}")
+else()
+    message(WARNING "Doxygen warnings (ctest -R api_docs fails on them):\n${warnings}")
+endif()
