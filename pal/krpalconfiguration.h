@@ -19,9 +19,16 @@ class KrPalRoot;
 /// device abstraction class, both built through their invokable constructors, or builds the
 /// device itself in createDeviceAbstraction(), which is asked first.
 ///
-/// The device abstraction class needs an invokable constructor taking
-/// (const QByteArray &, KrAbstractDeviceProxy *, CommandFormatters &), spelled exactly so;
-/// the proxy class one callable with no arguments.
+/// The factory finds constructors by their spelling, so a device abstraction class built by
+/// name declares, inside namespace Pal or after `using Pal::KrAbstractDeviceProxy;` and
+/// `using Pal::CommandFormatters;`,
+/// @code
+/// Q_INVOKABLE MyDevice(const QByteArray &id, KrAbstractDeviceProxy *proxy, CommandFormatters &formatters);
+/// @endcode
+/// and a proxy class `Q_INVOKABLE explicit MyProxy(QObject *parent = nullptr);`. Spelled
+/// `Pal::KrAbstractDeviceProxy *` or `const CommandFormatters &`, the constructor is not
+/// found: the key's device is missing from the root, with status report 50 naming the class
+/// and 51 naming the key.
 class KRPAL_EXPORT KrPalConfiguration
 {
 public:
