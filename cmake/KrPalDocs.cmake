@@ -11,6 +11,7 @@ set(KRPAL_DOCS_DIR "${PROJECT_BINARY_DIR}/docs")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/Doxyfile.in" "${KRPAL_DOCS_DIR}/Doxyfile" @ONLY)
 add_custom_target(docs
     COMMAND "${CMAKE_COMMAND}" -DDOXYGEN=${DOXYGEN_EXECUTABLE} -DDOCS_DIR=${KRPAL_DOCS_DIR} -DFAIL_ON_WARNINGS=OFF
+            "-DSHOWN_AS=${PROJECT_BINARY_DIR}/devices/source-include/pal/devices/=${PROJECT_SOURCE_DIR}/devices/"
             -P "${PROJECT_SOURCE_DIR}/cmake/KrPalRunDoxygen.cmake"
     COMMENT "API reference in ${KRPAL_DOCS_DIR}/html"
     VERBATIM)
@@ -20,6 +21,7 @@ install(DIRECTORY "${KRPAL_DOCS_DIR}/html/" DESTINATION "${CMAKE_INSTALL_DOCDIR}
 if(KRPAL_BUILD_TESTS)
     add_test(NAME api_docs
         COMMAND "${CMAKE_COMMAND}" -DDOXYGEN=${DOXYGEN_EXECUTABLE} -DDOCS_DIR=${KRPAL_DOCS_DIR} -DFAIL_ON_WARNINGS=ON
+                "-DSHOWN_AS=${PROJECT_BINARY_DIR}/devices/source-include/pal/devices/=${PROJECT_SOURCE_DIR}/devices/"
                 -P "${PROJECT_SOURCE_DIR}/cmake/KrPalRunDoxygen.cmake")
     set_tests_properties(api_docs PROPERTIES TIMEOUT 120 LABELS "docs")
 endif()
