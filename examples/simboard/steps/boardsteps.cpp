@@ -1,12 +1,12 @@
 // The board's life: the simulated instrument started, the board built and registered, and shut down.
 
-#include "../expected.h"
-#include "../runlog.h"
-#include "../simboardconfiguration.h"
-#include "../simboarddemo.h"
-#include "stepsupport.h"
+#include "expected.h"
+#include "runlog.h"
+#include "simboardconfiguration.h"
+#include "simboarddemo.h"
+#include "steps/stepsupport.h"
 
-#include "../portproxy.h"
+#include "portproxy.h"
 
 #include <pal/krdeviceabstraction.h>
 #include <pal/krpalapplicationmanager.h>

@@ -1,10 +1,10 @@
 // The TCXO calibration: created, read back, and updated by a field calibration.
 
-#include "../expected.h"
-#include "../runlog.h"
-#include "../simboardconfiguration.h"
-#include "../simboarddemo.h"
-#include "stepsupport.h"
+#include "expected.h"
+#include "runlog.h"
+#include "simboardconfiguration.h"
+#include "simboarddemo.h"
+#include "steps/stepsupport.h"
 
 #include <pal/krpalapplicationmanager.h>
 #include <pal/krpalroot.h>

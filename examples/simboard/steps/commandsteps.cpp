@@ -1,10 +1,10 @@
 // Commands and requests: one end to end, request-and-reply exchanges, and a command to a hung device.
 
-#include "../expected.h"
-#include "../runlog.h"
-#include "../simboardconfiguration.h"
-#include "../simboarddemo.h"
-#include "stepsupport.h"
+#include "expected.h"
+#include "runlog.h"
+#include "simboardconfiguration.h"
+#include "simboarddemo.h"
+#include "steps/stepsupport.h"
 
 #include <pal/krdeviceabstraction.h>
 #include <pal/krpalapplicationmanager.h>

@@ -1,10 +1,10 @@
 // What an application reports: a self-test of every result type, and a GPS fix.
 
-#include "../expected.h"
-#include "../runlog.h"
-#include "../simboardconfiguration.h"
-#include "../simboarddemo.h"
-#include "stepsupport.h"
+#include "expected.h"
+#include "runlog.h"
+#include "simboardconfiguration.h"
+#include "simboarddemo.h"
+#include "steps/stepsupport.h"
 
 #include <pal/krcurrenttestresult.h>
 #include <pal/krdatetestresult.h>

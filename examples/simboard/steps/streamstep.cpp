@@ -1,10 +1,10 @@
 // Streaming: the ADC's samples gathered by a data collector and checked sample by sample.
 
-#include "../expected.h"
-#include "../runlog.h"
-#include "../simboardconfiguration.h"
-#include "../simboarddemo.h"
-#include "stepsupport.h"
+#include "expected.h"
+#include "runlog.h"
+#include "simboardconfiguration.h"
+#include "simboarddemo.h"
+#include "steps/stepsupport.h"
 
 #include <pal/krabstractdeviceproxy.h>
 #include <pal/krdatacollector.h>
