@@ -76,9 +76,17 @@ message(STATUS "${RUN_OUTPUT}")
 run("${CMAKE_COMMAND}" -S "${QUICKSTART_DIR}" -B "${WORK_DIR}/quickstart-build" "-DCMAKE_PREFIX_PATH=${prefix}"
     "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" "-DCMAKE_CXX_FLAGS=${flags}")
 run("${CMAKE_COMMAND}" --build "${WORK_DIR}/quickstart-build")
-run("${WORK_DIR}/quickstart-build/krpal-quickstart")
-if(NOT RUN_OUTPUT MATCHES "\"type\": \"Temperature\"")
-    message(FATAL_ERROR "krpal-quickstart printed no self-test document:\n${RUN_OUTPUT}")
+# Built in every build, run where the CTest entry quickstart runs too: not under the thread
+# sanitizer, which cannot see how Qt publishes its functor connection (tests/CMakeLists.txt).
+set(run_quickstart TRUE)
+if(SANITIZE STREQUAL "thread")
+    set(run_quickstart FALSE)
+endif()
+if(run_quickstart)
+    run("${WORK_DIR}/quickstart-build/krpal-quickstart")
+    if(NOT RUN_OUTPUT MATCHES "\"type\": \"Temperature\"")
+        message(FATAL_ERROR "krpal-quickstart printed no self-test document:\n${RUN_OUTPUT}")
+    endif()
 endif()
 
 # pkg-config consumer.
@@ -101,4 +109,6 @@ separate_arguments(mocflags UNIX_COMMAND "${mocflags}")
 run("${qtbins}/moc" ${mocflags} "${QUICKSTART_DIR}/main.cpp" -o "${WORK_DIR}/main.moc")
 run("${CXX_COMPILER}" -std=c++17 -fPIC ${flags} "-I${WORK_DIR}" "${QUICKSTART_DIR}/main.cpp" -o
     "${WORK_DIR}/quickstart-pc" ${pcflags})
-run("${WORK_DIR}/quickstart-pc")
+if(run_quickstart)
+    run("${WORK_DIR}/quickstart-pc")
+endif()
