@@ -4,7 +4,7 @@
 #   scripts/install-deps.sh [--fuzz] [more packages]
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format qtbase5-dev qtpositioning5-dev libbenchmark-dev)
+packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format doxygen qtbase5-dev qtpositioning5-dev libbenchmark-dev)
 # --fuzz: clang and its libFuzzer runtime as well, for the fuzz build (run-tests.sh --fuzz).
 if [ "${1:-}" = "--fuzz" ]; then
     packages+=(clang libclang-rt-14-dev)
