@@ -76,7 +76,8 @@ inline Report unknownKey(const QString &key)
 }
 inline Report unknownCollectKey(const QString &key)
 {
-    return {47, QStringLiteral("krpalroot.cpp"), 74, QStringLiteral("void Pal::KrPalRoot::collectData(const char*) const"),
+    return {47, QStringLiteral("krpalroot.cpp"), 74,
+        QStringLiteral("void Pal::KrPalRoot::collectData(const char*) const"),
         {QStringLiteral("Device ID ") + key, QStringLiteral("KrPalRoot")}};
 }
 // A class that the factory could not instantiate, reported from @p line (proxy or device).

@@ -7,20 +7,6 @@
 std::atomic<int> TestProxy::s_constructed{0};
 std::atomic<int> TestProxy::s_destroyed{0};
 
-namespace {
-
-// Detached under the lock: a shared copy released later would race with the appends of the
-// proxy's callers, as Qt 5 checks sharing with a relaxed load.
-template<typename T>
-QList<T> copied(const QList<T> &list)
-{
-    QList<T> copy = list;
-    copy.detach();
-    return copy;
-}
-
-} // namespace
-
 TestProxy::TestProxy(QObject *parent)
     : Pal::KrAbstractDeviceProxy(parent)
 {
@@ -99,34 +85,4 @@ void TestProxy::record(const QByteArray &data)
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_emitted.append(data);
     m_emittedOn.append(QThread::currentThreadId());
-}
-
-QList<TestProxy::Call> TestProxy::writes() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return copied(m_writes);
-}
-
-QList<TestProxy::Call> TestProxy::ioctls() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return copied(m_ioctls);
-}
-
-QList<TestProxy::Call> TestProxy::reads() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return copied(m_reads);
-}
-
-QList<QByteArray> TestProxy::emitted() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return copied(m_emitted);
-}
-
-QList<Qt::HANDLE> TestProxy::emittedOn() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return copied(m_emittedOn);
 }

@@ -35,11 +35,11 @@ public:
         quint32 timeoutMs = 0;
         qint64 result = 0;
     };
-    QList<Call> writes() const;
-    QList<Call> ioctls() const;
-    QList<Call> reads() const;
-    QList<QByteArray> emitted() const;
-    QList<Qt::HANDLE> emittedOn() const;
+    QList<Call> writes() const { return locked(m_writes); }
+    QList<Call> ioctls() const { return locked(m_ioctls); }
+    QList<Call> reads() const { return locked(m_reads); }
+    QList<QByteArray> emitted() const { return locked(m_emitted); }
+    QList<Qt::HANDLE> emittedOn() const { return locked(m_emittedOn); }
     int writeCount() const { return m_writeCount.load(); }
     int maxConcurrentWrites() const { return m_maxConcurrentWrites.load(); }
     bool readInProgress() const { return m_readsInProgress.load() > 0; }
@@ -64,6 +64,17 @@ public Q_SLOTS:
     void record(const QByteArray &data);
 
 private:
+    // Detached under the lock: a shared copy released later would race with the appends of the
+    // proxy's callers, as Qt 5 checks sharing with a relaxed load.
+    template<typename T>
+    QList<T> locked(const QList<T> &list) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        QList<T> copy = list;
+        copy.detach();
+        return copy;
+    }
+
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     QList<Call> m_writes;

@@ -43,8 +43,8 @@ private Q_SLOTS:
         QTest::addColumn<int>("failures");
         const QByteArray zero(1, '\0');
         QTest::newRow("full buffer") << 4u << 4u << Answers{{4, "abcd"}} << Bytes{"abcd"} << 0;
-        QTest::newRow("short read zero padded") << 6u << 6u << Answers{{2, "ab"}} << Bytes{"ab" + zero.repeated(4)}
-                                                << 0;
+        QTest::newRow("short read zero padded")
+            << 6u << 6u << Answers{{2, "ab"}} << Bytes{"ab" + zero.repeated(4)} << 0;
         QTest::newRow("nothing read") << 4u << 4u << Answers{{0, ""}} << Bytes{} << 0;
         QTest::newRow("each failure reported")
             << 4u << 4u << Answers{{-1, ""}, {3, "xyz"}, {-1, ""}, {-1, ""}} << Bytes{"xyz" + zero} << 3;
@@ -89,7 +89,8 @@ private Q_SLOTS:
         QCOMPARE(delivered, emitted);
         QVERIFY(emitted.isEmpty() || delivered.first().constData() == proxy.emitted().first().constData());
         const QList<Qt::HANDLE> threads = proxy.emittedOn();
-        QVERIFY(!threads.contains(mainThread) && QSet<Qt::HANDLE>(threads.begin(), threads.end()).size() == qMin(1, emitted.size()));
+        QVERIFY(!threads.contains(mainThread)
+            && QSet<Qt::HANDLE>(threads.begin(), threads.end()).size() == qMin(1, emitted.size()));
         QCOMPARE(reporter.reports(), QVector<Report>(failures, Pinned::readFailed).toList());
         const QList<TestProxy::Call> reads = proxy.reads();
         QCOMPARE((QList<quint32>{reads.value(0).size, reads.value(1).size}), (QList<quint32>{bufferSize, laterSize}));

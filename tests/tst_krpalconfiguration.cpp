@@ -87,8 +87,8 @@ private Q_SLOTS:
         row("hook builds all", {"adc", "dac"}, asked("adc", 1) + asked("dac", 1), {}, {"adc", "dac"}, proxyClass,
             deviceClass, {"adc", "dac"});
         // Nothing but the hook is asked for an empty key.
-        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"),
-            {Pinned::emptyKey, notConstructed("")}, {"a", "b"});
+        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"), {Pinned::emptyKey, notConstructed("")},
+            {"a", "b"});
         // The proxy built for a device that cannot be built is deleted.
         row("device without the three-argument constructor, NUL in key", {QByteArray("ab\0cd", 5)}, asked("ab"),
             {unbuilt(94, "TestProxy"), notConstructed("ab")}, {}, proxyClass, proxyClass);
