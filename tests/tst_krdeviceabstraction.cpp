@@ -153,9 +153,10 @@ private Q_SLOTS:
         QVERIFY_EXCEPTION_THROWN(device.ioctl(1, reply, sizeof reply, 10), std::bad_function_call);
         QVERIFY_EXCEPTION_THROWN(device.doCommand(nullptr, 1000), std::bad_function_call);
         QCOMPARE(trace(*proxy), Trace());
-        // Without a command thread a job is refused, unreported.
+        // Without a command thread a job is refused, unreported. By default no command is blacklisted.
         KrDeviceAbstraction threadless("dev", nullptr);
         QCOMPARE(threadless.doCommand([] { return qint64(1); }, 10), qint64(-1));
+        QVERIFY(!threadless.commandBlacklisted(1));
     }
 
     // A timed-out job runs on: the next command, and the destructor, wait for it to end.

@@ -89,14 +89,14 @@ private Q_SLOTS:
         QCOMPARE(device.getValue(Pal::fieldTemperatureKey, true), device.getValue(Pal::fieldTemperatureKey, false));
     }
 
-    // Only lines 4 to 7 change, the fix time to one taken during the call; a DAC value alone
-    // changes line 4 only.
+    // Only lines 4 to 7 change, with six significant digits, the fix time to one taken during
+    // the call; a DAC value alone changes line 4 only.
     void fieldCalibration()
     {
         Pal::TcxoCalDevice device("tcxo", path);
         device.createTcxoCalFile(example);
         const qint64 before = QDateTime::currentMSecsSinceEpoch();
-        device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
+        device.updateTcxoFieldCal(2060, 30.5f, 0.01234567f);
         const qint64 after = QDateTime::currentMSecsSinceEpoch();
         QByteArray bytes = contentOf(path);
         const qint64 time = bytes.mid(bytes.indexOf("FIELD_FIX_TIME=") + 15, 13).toLongLong();
@@ -105,7 +105,7 @@ private Q_SLOTS:
             QByteArray(exampleBytes)
                 .replace("FIELD_TCXO=2051\nFIELD_TEMPERATURE=31.75\nFIELD_TUNING_SENSITIVITY=0.0124\n"
                          "FIELD_FIX_TIME=1.7e+12",
-                    "FIELD_TCXO=2060\nFIELD_TEMPERATURE=30.5\nFIELD_TUNING_SENSITIVITY=0.0126\nFIELD_FIX_TIME="
+                    "FIELD_TCXO=2060\nFIELD_TEMPERATURE=30.5\nFIELD_TUNING_SENSITIVITY=0.0123457\nFIELD_FIX_TIME="
                         + QByteArray::number(time)));
 
         device.updateTcxoFieldCal(2061);
@@ -187,12 +187,12 @@ private Q_SLOTS:
         QCOMPARE(recorder.takeMessages(), messages);
     }
 
-    // A key counts where it first occurs, inside another line too; its value is the run of
+    // Any key counts where it first occurs, inside another line too; its value is the run of
     // "-0123456789.+e" after it; the text ends at a NUL byte; what does not convert reads as 0,
     // also a value beyond float's range, for which Qt's toFloat answers infinity.
     void readingRules()
     {
-        const char text[] = "XFIELD_TCXO=70000\nFIELD_TCXO=7\nFACTORY_TCXO=1.5\nFACTORY_TEMPERATURE=2.5E+03\n"
+        const char text[] = "XFIELD_TCXO=70000\nFIELD_TCXO=7\nOTHER=42\nFACTORY_TCXO=1.5\nFACTORY_TEMPERATURE=2.5E+03\n"
                             "FIELD_TEMPERATURE=25.5 C\nFACTORY_TUNING_SENSITIVITY=-\nFIELD_TUNING_SENSITIVITY=\n"
                             "FIELD_FIX_TIME=1700000000000\nFIX_DECAY_TIME=-1e39\0REF_SOURCE_DISPLAY=1";
         writeFile(QByteArray(text, sizeof text - 1));
@@ -201,6 +201,7 @@ private Q_SLOTS:
         QCOMPARE(valueTexts(device),
             QStringList({"1.5", "2.5", "-", "70000", "25.5", "", "1700000000000", "-1e39", "<null>"}));
         QCOMPARE(device.getValue("FIELD_TCXO", false), QString(""));
+        QCOMPARE(device.getValue("OTHER=", false), QString("42"));
         QCOMPARE(device.getValue(Pal::fieldTcxoKey, true), QString("4464"));
         Factors factors{11, 12, 13, 14, 15, 16, 17, 18, 19};
         QVERIFY(!device.getTcxoCalFactors(factors));
