@@ -220,7 +220,7 @@ def interrupted(signum, frame):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser = argparse.ArgumentParser(prog="run-mutants.sh", description=__doc__.splitlines()[0])
     parser.add_argument("--max", type=int, default=0, help="test at most N mutants (a sample; 0: all)")
     parser.add_argument("--seed", type=int, default=1, help="seed of the sample (default 1)")
     parser.add_argument("--files", action="append", metavar="GLOB",
@@ -234,6 +234,9 @@ def main():
                         help="seconds per test run (default: three times the unmutated run, at least 30)")
     args = parser.parse_args()
 
+    run = Run(args)
+    # First, so that a file left mutated by a run that was killed is not read as the source.
+    run.restore_leftovers()
     files = source_files(args.files or DEFAULT_FILES)
     if not files:
         sys.exit("no source file matches")
@@ -249,16 +252,17 @@ def main():
     print(f"{len(candidates)} mutants in {len(files)} files; testing {len(chosen)} "
           f"(--max {args.max} --seed {args.seed})", flush=True)
     if args.list:
+        signal.signal(signal.SIGPIPE, signal.SIG_DFL)  # "| head" ends the listing quietly
         for i in chosen:
             rel, n, col, op, new = candidates[i]
             print(f"#{i} {rel}:{n + 1}:{col + 1} {op}: {new.strip()}")
         return 0
 
-    run = Run(args)
     # Ctrl-C and termination end the run through the same path that restores the file.
+    signal.signal(signal.SIGINT, interrupted)
     signal.signal(signal.SIGTERM, interrupted)
+    signal.signal(signal.SIGHUP, interrupted)
     os.makedirs(run.build, exist_ok=True)
-    run.restore_leftovers()
     run.configure()
     verdict, out, build_time, test_time = run.build_and_test(args.timeout or 3600)
     if verdict != "survived":
@@ -277,7 +281,11 @@ def main():
             finally:
                 run.restore(rel, texts[rel])
             results.append((i, verdict))
-            print(f"[{k}/{len(chosen)}] #{i} {rel}:{n + 1} {op}: {verdict} (build {build_time:.0f} s, tests {test_time:.0f} s)", flush=True)
+            # Which tests caught it: a kill by a single timing-sensitive test is worth a second look.
+            failed = re.findall(r"^\s*\d+ - (\S+) \(", out.split("The following tests FAILED:")[-1], re.M)
+            by = f" by {', '.join(failed)}" if verdict == "killed" and failed else ""
+            print(f"[{k}/{len(chosen)}] #{i} {rel}:{n + 1} {op}: {verdict}{by} "
+                  f"(build {build_time:.0f} s, tests {test_time:.0f} s)", flush=True)
     except KeyboardInterrupt:
         print("interrupted; the source files are restored", flush=True)
     elapsed = time.monotonic() - started
