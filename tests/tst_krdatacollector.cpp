@@ -1,9 +1,11 @@
+#include "messagerecorder.h"
 #include "recordingreporter.h"
 #include "testproxy.h"
 
 #include <pal/krdatacollector.h>
 #include <pal/krdatacollectorworker.h>
 
+#include <QSemaphore>
 #include <QSet>
 #include <QTest>
 #include <QThread>
@@ -24,6 +26,14 @@ void recordEmissions(QObject *sender, const char *signal, TestProxy &proxy)
 {
     QObject::connect(sender, signal, &proxy, SLOT(record(QByteArray)), Qt::DirectConnection);
 }
+
+// Holds the collector thread for 150 ms as it finishes.
+class SlowFinish : public QObject
+{
+    Q_OBJECT
+public Q_SLOTS:
+    void finishing() { QSemaphore().tryAcquire(1, 150); }
+};
 
 } // namespace
 
@@ -116,6 +126,23 @@ private Q_SLOTS:
         worker.abort();
         polling.join();
         QCOMPARE(proxy.reads().size(), 1);
+    }
+
+    // The destructor waits for the collector thread however long it takes, and says so after 100 ms.
+    void destructorWaitsForSlowThread()
+    {
+        TestProxy proxy;
+        auto collector = std::make_unique<KrDataCollector>(&proxy, 1);
+        SlowFinish slow;
+        connect(collector->findChild<QThread *>(), SIGNAL(finished()), &slow, SLOT(finishing()), Qt::DirectConnection);
+        MessageRecorder recorder;
+        collector.reset();
+        const QStringList messages = recorder.takeMessages();
+        QCOMPARE(messages.size(), 1);
+        // Up to the text's end: a Debug build appends the source file.
+        QVERIFY2(messages[0].startsWith("warning default: Pal::KrDataCollector: the collector thread has not finished "
+                                        "within 100 ms; waiting for the device proxy's read to return"),
+            qPrintable(messages[0]));
     }
 
     // Without a proxy the collector never polls, yet starts and stops.
