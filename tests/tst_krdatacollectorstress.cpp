@@ -186,7 +186,7 @@ private Q_SLOTS:
         QCOMPARE(reporter.reports(), QVector<Report>(device.failures(), readFailedReport).toList());
         QCOMPARE(device.readsAfterGone(), 0);
         qInfo("%d start/stop cycles, %d reads, %d buffers emitted, %d failed reads reported", cycleCount,
-            device.reads(), emissions.buffers().size(), device.failures());
+            device.reads(), int(emissions.buffers().size()), device.failures());
     }
 
     // The start() right after construction nearly always comes before the worker first parks,
