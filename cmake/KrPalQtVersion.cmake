@@ -18,7 +18,10 @@
 #
 # Inside the build the targets keep their names (KrPal::KrPal, KrPal::Devices,
 # Crosscutting::Crosscutting) and Qt is reached through its versionless targets (Qt::Core),
-# so that the same CMake code serves both. Further Qt modules are found with
+# so that the same CMake code serves both. The installed libraries are the exception: what
+# they link publicly is exported, and there ${KRPAL_QT}::Core names the Qt they were built
+# with, whatever Qt an application finds first (the install check refuses Qt::). Further Qt
+# modules are found with
 #   find_package(${KRPAL_QT} ${KRPAL_QT_MIN_VERSION} REQUIRED COMPONENTS ...)
 
 set(KRPAL_QT_MAJOR_VERSION 5 CACHE STRING "Major version of Qt to build against: 5 or 6")

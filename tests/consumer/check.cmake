@@ -21,6 +21,16 @@ foreach(path lib/lib${KRPAL}.so.1 lib/lib${KRPAL}.so lib/lib${KRPAL}Devices.so.1
     endif()
 endforeach()
 
+# The exported link interfaces name Qt by its major version, never by Qt::, which means the
+# Qt that an application happened to find first.
+file(GLOB target_files "${prefix}/lib/cmake/*/*Targets.cmake")
+foreach(target_file IN LISTS target_files)
+    file(READ "${target_file}" exported)
+    if(exported MATCHES "[^0-9A-Za-z_]Qt::[A-Za-z]+")
+        message(FATAL_ERROR "${target_file} links the versionless ${CMAKE_MATCH_0}: link Qt${QT_MAJOR}:: instead")
+    endif()
+endforeach()
+
 foreach(library lib${KRPAL} lib${KRPAL}Devices)
     run(readelf -d "${prefix}/lib/${library}.so.1")
     if(NOT RUN_OUTPUT MATCHES "Library soname: \\[${library}\\.so\\.1\\]")
@@ -97,6 +107,6 @@ execute_process(COMMAND "${CMAKE_COMMAND}" -S "${SOURCE_DIR}" -B "${WORK_DIR}/mi
                 RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
 if(rc EQUAL 0)
     message(FATAL_ERROR "a program linking ${KRPAL} and Qt ${other_major} was configured:\n${out}")
-elseif(NOT err MATCHES "Qt ${other_major} is not installed" AND NOT err MATCHES "QT_MAJOR_VERSION")
+elseif(NOT err MATCHES "Qt ${other_major} is not installed" AND NOT err MATCHES "INTERFACE_QT_MAJOR_VERSION property")
     message(FATAL_ERROR "a program linking ${KRPAL} and Qt ${other_major} failed for another reason:\n${err}")
 endif()
