@@ -1,5 +1,5 @@
 # Makes the Debian packages as a board integrator would, from a build configured for /usr,
-# checks their names, fields and contents, unpacks them into a scratch root with dpkg -x and
+# checks their names, fields and contents, installs them with dpkg into a scratch root and
 # builds the consumer project against that root: with find_package and with pkg-config.
 # QT_MAJOR (5 or 6) is the Qt of the packages; OTHER_QT_MAJOR, when given, makes the packages
 # of the other Qt as well and checks that both sets install side by side.
@@ -24,7 +24,7 @@ function(package_files deb out)
 endfunction()
 
 set(root "${WORK_DIR}/root")
-file(REMOVE_RECURSE "${root}")
+file(REMOVE_RECURSE "${root}" "${WORK_DIR}/cmake-build-qt5" "${WORK_DIR}/cmake-build-qt6")
 run(dpkg --print-architecture)
 string(STRIP "${RUN_OUTPUT}" arch)
 set(version "${VERSION}-1")
@@ -122,28 +122,20 @@ if(OTHER_QT_MAJOR)
     list(APPEND majors ${OTHER_QT_MAJOR})
     make_and_check_packages(${OTHER_QT_MAJOR} "${WORK_DIR}/build-qt${OTHER_QT_MAJOR}"
                             "${WORK_DIR}/packages-qt${OTHER_QT_MAJOR}")
-    # Side by side: no path is in packages of both sets, so dpkg installs both.
-    set(paths "")
-    foreach(deb IN LISTS ${QT_MAJOR}_debs)
-        package_files("${deb}" files)
-        list(APPEND paths ${files})
-    endforeach()
-    foreach(deb IN LISTS ${OTHER_QT_MAJOR}_debs)
-        package_files("${deb}" files)
-        foreach(path IN LISTS files)
-            if(path IN_LIST paths)
-                message(FATAL_ERROR "${deb} and a package of the Qt ${QT_MAJOR} set both hold ${path}")
-            endif()
-        endforeach()
-    endforeach()
 endif()
 
-# Unpacked as dpkg would install them, under one scratch root instead of /.
+# Installed by dpkg itself, into a scratch root with a package database of its own. dpkg refuses
+# a package that holds a path an installed package holds, so the second set installing is the
+# side-by-side check. The Qt packages they depend on are the host's, outside that root.
+file(MAKE_DIRECTORY "${root}/var/lib/dpkg/info" "${root}/var/lib/dpkg/updates")
+file(TOUCH "${root}/var/lib/dpkg/status" "${root}/var/lib/dpkg/available")
 foreach(major IN LISTS majors)
-    foreach(deb IN LISTS ${major}_debs)
-        run(dpkg -x "${deb}" "${root}")
-    endforeach()
+    run(dpkg "--root=${root}" --log=/dev/null --force-not-root --force-depends --force-script-chrootless
+        -i ${${major}_debs})
 endforeach()
+run(dpkg-query "--admindir=${root}/var/lib/dpkg" -W "-f=\${Package} \${Status}\n")
+message(STATUS "installed side by side:\n${RUN_OUTPUT}")
+
 set(ENV{LD_LIBRARY_PATH} "${root}/usr/${libdir}")
 set(ENV{PKG_CONFIG_PATH} "${root}/usr/${libdir}/pkgconfig")
 get_filename_component(expected_prefix "${root}/usr" REALPATH)
