@@ -72,7 +72,8 @@ if(tools IN_LIST krpal_components)
     list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 
-set(krpal_runtime_files "lib${KRPAL_NAME}.so.${PROJECT_VERSION_MAJOR}, lib${KRPAL_NAME}Devices.so.${PROJECT_VERSION_MAJOR}")
+set(krpal_runtime_files "lib${KRPAL_NAME}.so.${PROJECT_VERSION_MAJOR}, its devices library
+lib${KRPAL_NAME}Devices.so.${PROJECT_VERSION_MAJOR} (ready-made proxies for serial lines and character devices)")
 if(NOT KRPAL_USE_SYSTEM_CROSSCUTTING)
     string(APPEND krpal_runtime_files " and the companion library lib${KRPAL_CROSSCUTTING_NAME}.so.1")
 endif()
