@@ -60,10 +60,10 @@ private Q_SLOTS:
         QObject::connect(root.data(), &QObject::destroyed, [] { Manager::add("App", Manager::application("a")); });
         Manager::add("a", root);
         root.reset();
-        QScopedPointer<QThread> remover(QThread::create([] { Manager::remove("a"); }));
+        std::unique_ptr<QThread> remover(QThread::create([] { Manager::remove("a"); }));
         remover->start();
         if (!remover->wait(5000)) {
-            remover.take(); // deadlocked on the registry lock: leave it rather than abort
+            remover.release(); // deadlocked on the registry lock: leave it rather than abort
             QFAIL("remove() deadlocked while its root was destroyed");
         }
         QVERIFY(!Manager::loaded("a"));

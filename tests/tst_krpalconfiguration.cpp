@@ -22,6 +22,18 @@ QStringList asked(const QString &key, int count = 4)
     return QStringList{"hook:" + key, "proxy:" + key, "device:" + key, "formatters:" + key}.mid(0, count);
 }
 
+// Has the device's invokable constructor, yet is no QObject: the factory must not build it.
+struct GadgetBase
+{
+    Q_GADGET
+};
+struct DeviceLikeGadget : GadgetBase
+{
+    Q_GADGET
+public:
+    Q_INVOKABLE DeviceLikeGadget(const QByteArray &, Pal::KrAbstractDeviceProxy *, Pal::CommandFormatters &) { }
+};
+
 // Records every call of a virtual operation; a null class leaves the base's empty meta-object.
 class TestConfiguration : public Pal::KrPalConfiguration
 {
@@ -35,23 +47,23 @@ public:
     QList<QByteArray> deviceAbstractionIds() const override { return ids; }
     std::shared_ptr<KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const override
     {
-        calls << "hook:" + QString(id);
+        calls << "hook:" + QString::fromUtf8(id.constData());
         return handBuilt.contains(id) ? std::make_shared<KrDeviceAbstraction>(id, nullptr)
                                       : KrPalConfiguration::createDeviceAbstraction(id);
     }
     QMetaObject deviceProxy(const QByteArray &id) const override
     {
-        calls << "proxy:" + QString(id);
+        calls << "proxy:" + QString::fromUtf8(id.constData());
         return proxyClass ? *proxyClass : KrPalConfiguration::deviceProxy(id);
     }
     QMetaObject deviceAbstraction(const QByteArray &id) const override
     {
-        calls << "device:" + QString(id);
+        calls << "device:" + QString::fromUtf8(id.constData());
         return deviceClass ? *deviceClass : KrPalConfiguration::deviceAbstraction(id);
     }
     Pal::CommandFormatters commandFormatters(const QByteArray &id) const override
     {
-        calls << "formatters:" + QString(id);
+        calls << "formatters:" + QString::fromUtf8(id.constData());
         return {{1, [](quint16, const QVariant &value) -> QByteArray { return "value " + value.toByteArray(); }}};
     }
 };
@@ -96,6 +108,11 @@ private Q_SLOTS:
         row("proxy without a no-argument constructor", {"a"}, asked("a", 2),
             {unbuilt(79, "Pal::KrDeviceAbstraction"), notConstructed("a")}, {}, deviceClass);
         row("empty proxy class", {"a"}, asked("a", 2), {unbuilt(79, ""), notConstructed("a")}, {}, nullptr);
+        // Without a superclass QObject's own meta-object cannot be told from the empty one.
+        row("QObject as proxy class", {"a"}, asked("a", 2), {unbuilt(79, ""), notConstructed("a")}, {},
+            &QObject::staticMetaObject);
+        row("gadget as device class", {"a"}, asked("a"), {unbuilt(94, "DeviceLikeGadget"), notConstructed("a")}, {},
+            proxyClass, &DeviceLikeGadget::staticMetaObject);
         // A device that the root refuses is gone, with its proxy, before createPalRoot returns.
         row("duplicate key", {"a", "a"}, asked("a") + asked("a"), {Pinned::duplicateKey("a")}, {"a"});
         row("NULL", {"NULL"}, asked("NULL"), {Pinned::reservedKey}, {});

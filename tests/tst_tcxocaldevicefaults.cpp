@@ -26,7 +26,7 @@ const Factors other{1, 2, 3, 4, 5, 6, 7, 8, 9};
 
 QByteArray withFieldTcxo(const QByteArray &bytes, int dacValue)
 {
-    return QByteArray(bytes).replace("FIELD_TCXO=2051", "FIELD_TCXO=" + QByteArray::number(dacValue));
+    return QByteArray(bytes).replace("FIELD_TCXO=2051", QByteArray("FIELD_TCXO=" + QByteArray::number(dacValue)));
 }
 
 bool writeFile(const QString &path, const QByteArray &bytes)
