@@ -1,0 +1,266 @@
+// Recorded receiver output through KrNmeaGpsSource, in every chunking, with every emitted value
+// compared whole; and krpal-nmea run on a log file and on standard input.
+
+#include <pal/devices/krnmeagpssource.h>
+
+#include <QFile>
+#include <QGeoCoordinate>
+#include <QGeoPositionInfo>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTest>
+#include <QThread>
+
+#include <functional>
+
+using Pal::KrGpsInfo;
+using Pal::KrNmeaGpsSource;
+
+namespace {
+
+// All of a KrGpsInfo on one line: degrees to 1e-9, altitude to 1 mm, the attributes set.
+QString describe(const KrGpsInfo &info)
+{
+    const QGeoPositionInfo position = info.getGpsPostionInfo();
+    const QGeoCoordinate coordinate = position.coordinate();
+    QString text = position.timestamp().isValid() ? position.timestamp().toString(Qt::ISODateWithMs) : "-";
+    text += QString(" fix=%1 sats=%2 date=%3 valid=%4")
+                .arg(info.getGpsFix())
+                .arg(info.getNumberSatellites())
+                .arg(info.hasDate())
+                .arg(info.isValid());
+    if (coordinate.isValid())
+        text += QString(" %1,%2").arg(coordinate.latitude(), 0, 'f', 9).arg(coordinate.longitude(), 0, 'f', 9);
+    if (!qIsNaN(coordinate.altitude()))
+        text += QString(" alt=%1").arg(coordinate.altitude(), 0, 'f', 3);
+    const std::pair<QGeoPositionInfo::Attribute, const char *> attributes[] = {{QGeoPositionInfo::GroundSpeed, "speed"},
+        {QGeoPositionInfo::Direction, "course"}, {QGeoPositionInfo::MagneticVariation, "magvar"},
+        {QGeoPositionInfo::HorizontalAccuracy, "hacc"}, {QGeoPositionInfo::VerticalAccuracy, "vacc"}};
+    for (const auto &attribute : attributes) {
+        if (position.hasAttribute(attribute.first))
+            text += QString(" %1=%2").arg(attribute.second).arg(position.attribute(attribute.first), 0, 'g', 9);
+    }
+    return text;
+}
+
+QByteArray recording(const QString &name)
+{
+    QFile file(QStringLiteral(KRPAL_NMEA_DATA "/") + name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+struct Run
+{
+    QStringList emitted; // before flush(), then "flush", then what flush() emitted
+    quint64 dropped = 0;
+};
+
+// Feeds @p bytes in chunks of the sizes @p chunks gives in turn, through both overloads.
+Run feed(const QByteArray &bytes, const std::function<int()> &chunks)
+{
+    KrNmeaGpsSource source;
+    Run run;
+    QObject::connect(&source, &KrNmeaGpsSource::gpsInfoUpdated, [&](const KrGpsInfo &info) {
+        run.emitted << describe(info);
+        QCOMPARE(describe(source.lastGpsInfo()), run.emitted.last());
+    });
+    for (int at = 0, n = 0; at < bytes.size(); at += n, n = 0) {
+        n = qMin(chunks(), bytes.size() - at);
+        if (n % 2)
+            source.addData(bytes.constData() + at, n);
+        else
+            source.addData(bytes.mid(at, n));
+    }
+    run.emitted << "flush";
+    source.flush();
+    run.dropped = source.droppedSentences();
+    return run;
+}
+
+} // namespace
+
+class TestKrNmeaGpsSource : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void recordings_data();
+    void recordings();
+    void queued();
+    void tool_data();
+    void tool();
+};
+
+// Each recording's epochs as emitted; "flush" marks where the input ended, so the lines before
+// it were emitted as soon as their epochs were complete.
+void TestKrNmeaGpsSource::recordings_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QStringList>("expected");
+    QTest::addColumn<quint64>("dropped");
+
+    QTest::newRow("GPS at 1 Hz, 3D fix, ends on GLL")
+        << "gp-1hz-3d.nmea"
+        << QStringList{"2024-03-18T10:15:30.250Z fix=1 sats=8 date=1 valid=1 48.117301667,11.516670000 alt=545.400 "
+                       "speed=0.00205777778 magvar=-3.1",
+               "2024-03-18T10:15:31.250Z fix=1 sats=8 date=1 valid=1 48.117305000,11.516673333 alt=545.600 "
+               "speed=5.40166667 course=84.4 magvar=-3.1",
+               "2024-03-18T10:15:32.250Z fix=1 sats=8 date=1 valid=1 48.117310000,11.516681667 alt=545.900 "
+               "speed=5.45311111 course=84.5 magvar=-3.1",
+               "flush"}
+        << quint64(0);
+    QTest::newRow("2D fix, no altitude, south-west, 2-digit year 99")
+        << "sirf-2d.nmea"
+        << QStringList{"1999-12-31T23:59:58.000Z fix=1 sats=4 date=1 valid=1 -33.852057612,-151.212757202 "
+                       "speed=0.514444444 course=359.99 magvar=11.5",
+               "1999-12-31T23:59:59.000Z fix=1 sats=4 date=1 valid=1 -33.852057612,-151.212757202 "
+               "speed=0.514444444 course=359.99 magvar=11.5",
+               "flush"}
+        << quint64(0);
+    QTest::newRow("no fix at start: no time, then no date, then a fix")
+        << "no-fix-at-start.nmea"
+        << QStringList{"- fix=0 sats=0 date=0 valid=0", "- fix=0 sats=0 date=0 valid=0",
+               "- fix=0 sats=3 date=0 valid=0", "2024-04-17T08:00:01.000Z fix=0 sats=3 date=1 valid=0",
+               "2024-04-17T08:00:02.000Z fix=1 sats=5 date=1 valid=1 51.500000000,-0.125000000 alt=-12.345 "
+               "speed=0.00514444444",
+               "flush"}
+        << quint64(0);
+    QTest::newRow("GN at 10 Hz, fix lost and regained, GST accuracy")
+        << "gn-10hz-fix-lost.nmea"
+        << QStringList{"2025-01-01T12:00:00.000Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
+                       "speed=1.02888889 course=90 hacc=0.5 vacc=1.2",
+               "2025-01-01T12:00:00.100Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
+               "speed=1.02888889 course=90 hacc=0.5 vacc=1.2",
+               "2025-01-01T12:00:00.200Z fix=0 sats=0 date=1 valid=0",
+               "2025-01-01T12:00:00.300Z fix=0 sats=0 date=1 valid=0",
+               "2025-01-01T12:00:00.400Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
+               "speed=1.02888889 course=90 hacc=0.5 vacc=1.2",
+               "flush"}
+        << quint64(0);
+    QTest::newRow("midnight without a date, other talkers, coordinate limits")
+        << "midnight-talkers.nmea"
+        << QStringList{"2024-12-31T23:59:59.500Z fix=1 sats=9 date=1 valid=1 0.000000000,-180.000000000 alt=0.000",
+               "2024-12-31T23:59:59.750Z fix=1 sats=10 date=0 valid=1 -90.000000000,0.000000000 alt=1.001",
+               "2025-01-01T00:00:00.000Z fix=1 sats=11 date=0 valid=1 0.000001667,0.000001667 alt=2.000",
+               "2025-01-01T00:00:00.250Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000",
+               "2025-01-01T00:00:00.500Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000", "flush"}
+        << quint64(0);
+    // Dropped: a wrong checksum, noise, no checksum, five fields that do not convert, too few
+    // fields, a sentence cut off by the next, one too long.
+    QTest::newRow("bad input among good sentences")
+        << "bad-input.nmea"
+        << QStringList{"- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400", "flush"}
+        << quint64(12);
+}
+
+void TestKrNmeaGpsSource::recordings()
+{
+    QFETCH(QString, file);
+    QFETCH(QStringList, expected);
+    QFETCH(quint64, dropped);
+
+    const QByteArray bytes = recording(file);
+    QVERIFY(!bytes.isEmpty());
+    QRandomGenerator random(18);
+    const std::pair<const char *, std::function<int()>> chunkings[]
+        = {{"whole", [&] { return bytes.size(); }}, {"bytes", [] { return 1; }}, {"3 bytes", [] { return 3; }},
+            {"64 bytes", [] { return 64; }}, {"random", [&] { return random.bounded(1, 200); }}};
+    for (const auto &chunking : chunkings) {
+        const Run run = feed(bytes, chunking.second);
+        if (run.emitted != expected || run.dropped != dropped)
+            qWarning().noquote() << chunking.first << "\n " << run.emitted.join("\n  ") << "\n dropped" << run.dropped;
+        QCOMPARE(run.emitted, expected);
+        QCOMPARE(run.dropped, dropped);
+    }
+}
+
+// The signal reaches a receiver on another thread.
+void TestKrNmeaGpsSource::queued()
+{
+    KrNmeaGpsSource source;
+    QThread thread;
+    QObject receiver;
+    receiver.moveToThread(&thread);
+    QStringList received;
+    connect(
+        &source, &KrNmeaGpsSource::gpsInfoUpdated, &receiver,
+        [&](const KrGpsInfo &info) { received << describe(info); }, Qt::QueuedConnection);
+    thread.start();
+    source.addData(recording("sirf-2d.nmea"));
+    source.flush();
+    QTRY_COMPARE(received.size(), 2);
+    thread.quit();
+    QVERIFY(thread.wait(5000));
+    QCOMPARE(received.last(), describe(source.lastGpsInfo()));
+}
+
+void TestKrNmeaGpsSource::tool_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("output");
+    QTest::addColumn<QByteArray>("errors");
+
+    const QString noFix = KRPAL_NMEA_DATA "/no-fix-at-start.nmea";
+    const QByteArray noFixJson
+        = "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
+          "\"valid\":false,\"speed\":null,\"course\":null}\n"
+          "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
+          "\"valid\":false,\"speed\":null,\"course\":null}\n"
+          "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":3,\"hasDate\":false,"
+          "\"valid\":false,\"speed\":null,\"course\":null}\n"
+          "{\"time\":\"2024-04-17T08:00:01.000Z\",\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,"
+          "\"satellites\":3,\"hasDate\":true,\"valid\":false,\"speed\":null,\"course\":null}\n"
+          "{\"time\":\"2024-04-17T08:00:02.000Z\",\"lat\":51.5,\"lon\":-0.125,\"altMSL\":-12.345,\"fix\":true,"
+          "\"satellites\":5,\"hasDate\":true,\"valid\":true,\"speed\":0.0051444444444444445,\"course\":null}\n";
+    const QByteArray summary = "krpal-nmea: 5 epochs, 1 with a fix, 0 sentences dropped\n";
+    QTest::newRow("file") << QStringList{"--json", noFix} << QByteArray() << 0 << noFixJson << summary;
+    QTest::newRow("standard input") << QStringList{"--json", "-"} << recording("no-fix-at-start.nmea") << 0 << noFixJson
+                                    << summary;
+    QTest::newRow("text") << QStringList{"-"} << recording("sirf-2d.nmea") << 0
+                          << QByteArray("1999-12-31T23:59:58.000Z fix sats=4 lat=-33.852057612 lon=-151.212757202 "
+                                        "speed=0.514m/s course=359.99deg\n"
+                                        "1999-12-31T23:59:59.000Z fix sats=4 lat=-33.852057612 lon=-151.212757202 "
+                                        "speed=0.514m/s course=359.99deg\n")
+                          << QByteArray("krpal-nmea: 2 epochs, 2 with a fix, 0 sentences dropped\n");
+    QTest::newRow("missing file") << QStringList{"/nonexistent.nmea"} << QByteArray() << 1 << QByteArray()
+                                  << QByteArray(
+                                         "krpal-nmea: cannot open /nonexistent.nmea: No such file or directory\n");
+    QTest::newRow("bad baud") << QStringList{"--baud", "12345", "-"} << QByteArray() << 2 << QByteArray()
+                              << QByteArray("krpal-nmea: --baud wants a standard rate such as 9600 or 115200, not "
+                                            "\"12345\"\n");
+    QTest::newRow("no source") << QStringList{"--json"} << QByteArray() << 2 << QByteArray()
+                               << QByteArray("krpal-nmea: give one SOURCE: a file, a serial line, or - for standard "
+                                             "input\n");
+}
+
+void TestKrNmeaGpsSource::tool()
+{
+#ifndef KRPAL_NMEA
+    QSKIP("built without the examples");
+#else
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, input);
+    QFETCH(int, exitCode);
+    QFETCH(QByteArray, output);
+    QFETCH(QByteArray, errors);
+
+    QProcess process;
+    process.start(KRPAL_NMEA, arguments);
+    QVERIFY(process.waitForStarted(10000));
+    process.write(input);
+    process.closeWriteChannel();
+    QVERIFY(process.waitForFinished(30000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.readAllStandardOutput(), output);
+    QCOMPARE(process.readAllStandardError(), errors);
+    QCOMPARE(process.exitCode(), exitCode);
+#endif
+}
+
+QTEST_GUILESS_MAIN(TestKrNmeaGpsSource)
+#include "tst_krnmeagpssource.moc"
