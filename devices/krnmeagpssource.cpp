@@ -212,7 +212,9 @@ void KrNmeaGpsSource::Private::takeSentence(const NmeaSentence &s)
         epoch.gsaFix = qMax(epoch.gsaFix, s.fix);
         epoch.gsaSatellites += s.satellites;
     }
-    if (epoch.lastKey == cycleEnd) {
+    // An epoch without time yet waits for one: what precedes its first timed sentence may be
+    // the tail of the last cycle, under a cycle end learnt from a partial first epoch.
+    if (epoch.timeMs >= 0 && epoch.lastKey == cycleEnd) {
         closedTimeMs = epoch.timeMs;
         closedTypes = epoch.types();
         closeEpoch(false);

@@ -51,27 +51,33 @@ QByteArray recording(const QString &name)
 
 struct Run
 {
-    QStringList emitted; // before flush(), then "flush", then what flush() emitted
+    QStringList emitted;
+    // Per epoch the line during which it was emitted, or "end" for flush().
+    QStringList lines;
     quint64 dropped = 0;
 };
 
-// Feeds @p bytes in chunks of the sizes @p chunks gives in turn, through both overloads.
-Run feed(const QByteArray &bytes, const std::function<int()> &chunks)
+// Feeds @p bytes in chunks of the sizes @p chunks gives for each offset, through both overloads.
+Run feed(const QByteArray &bytes, const std::function<int(int)> &chunks)
 {
     KrNmeaGpsSource source;
     Run run;
+    QString line = "1";
     QObject::connect(&source, &KrNmeaGpsSource::gpsInfoUpdated, [&](const KrGpsInfo &info) {
         run.emitted << describe(info);
+        run.lines << line;
         QCOMPARE(describe(source.lastGpsInfo()), run.emitted.last());
     });
-    for (int at = 0, n = 0; at < bytes.size(); at += n, n = 0) {
-        n = qMin(chunks(), bytes.size() - at);
+    for (int at = 0, n = 0, lines = 0; at < bytes.size(); at += n) {
+        n = qMin(chunks(at), bytes.size() - at);
+        line = QString::number(lines + 1);
         if (n % 2)
             source.addData(bytes.constData() + at, n);
         else
             source.addData(bytes.mid(at, n));
+        lines += bytes.mid(at, n).count('\n');
     }
-    run.emitted << "flush";
+    line = "end";
     source.flush();
     run.dropped = source.droppedSentences();
     return run;
@@ -91,13 +97,14 @@ private Q_SLOTS:
     void tool();
 };
 
-// Each recording's epochs as emitted; "flush" marks where the input ended, so the lines before
-// it were emitted as soon as their epochs were complete.
+// Each recording's epochs, the number of bad sentences in it, and the lines (fed one by one)
+// during which the epochs were emitted: at once on the cycle's end once that is known.
 void TestKrNmeaGpsSource::recordings_data()
 {
     QTest::addColumn<QString>("file");
     QTest::addColumn<QStringList>("expected");
     QTest::addColumn<quint64>("dropped");
+    QTest::addColumn<QString>("emittedAt");
 
     QTest::newRow("GPS at 1 Hz, 3D fix, ends on GLL")
         << "gp-1hz-3d.nmea"
@@ -106,25 +113,22 @@ void TestKrNmeaGpsSource::recordings_data()
                "2024-03-18T10:15:31.250Z fix=1 sats=8 date=1 valid=1 48.117305000,11.516673333 alt=545.600 "
                "speed=5.40166667 course=84.4 magvar=-3.1",
                "2024-03-18T10:15:32.250Z fix=1 sats=8 date=1 valid=1 48.117310000,11.516681667 alt=545.900 "
-               "speed=5.45311111 course=84.5 magvar=-3.1",
-               "flush"}
-        << quint64(0);
+               "speed=5.45311111 course=84.5 magvar=-3.1"}
+        << quint64(0) << QString("7 12 18");
     QTest::newRow("2D fix, no altitude, south-west, 2-digit year 99")
         << "sirf-2d.nmea"
         << QStringList{"1999-12-31T23:59:58.000Z fix=1 sats=4 date=1 valid=1 -33.852057612,-151.212757202 "
                        "speed=0.514444444 course=359.99 magvar=11.5",
                "1999-12-31T23:59:59.000Z fix=1 sats=4 date=1 valid=1 -33.852057612,-151.212757202 "
-               "speed=0.514444444 course=359.99 magvar=11.5",
-               "flush"}
-        << quint64(0);
+               "speed=0.514444444 course=359.99 magvar=11.5"}
+        << quint64(0) << QString("4 6");
     QTest::newRow("no fix at start: no time, then no date, then a fix")
         << "no-fix-at-start.nmea"
         << QStringList{"- fix=0 sats=0 date=0 valid=0", "- fix=0 sats=0 date=0 valid=0",
                "- fix=0 sats=3 date=0 valid=0", "2024-04-17T08:00:01.000Z fix=0 sats=3 date=1 valid=0",
                "2024-04-17T08:00:02.000Z fix=1 sats=5 date=1 valid=1 51.500000000,-0.125000000 alt=-12.345 "
-               "speed=0.00514444444",
-               "flush"}
-        << quint64(0);
+               "speed=0.00514444444"}
+        << quint64(0) << QString("6 11 15 20 25");
     QTest::newRow("GN at 10 Hz, fix lost and regained, GST accuracy")
         << "gn-10hz-fix-lost.nmea"
         << QStringList{"2025-01-01T12:00:00.000Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
@@ -134,17 +138,26 @@ void TestKrNmeaGpsSource::recordings_data()
                "2025-01-01T12:00:00.200Z fix=0 sats=0 date=1 valid=0",
                "2025-01-01T12:00:00.300Z fix=0 sats=0 date=1 valid=0",
                "2025-01-01T12:00:00.400Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
-               "speed=1.02888889 course=90 hacc=0.5 vacc=1.2",
-               "flush"}
-        << quint64(0);
+               "speed=1.02888889 course=90 hacc=0.5 vacc=1.2"}
+        << quint64(0) << QString("7 12 18 24 30");
     QTest::newRow("midnight without a date, other talkers, coordinate limits")
         << "midnight-talkers.nmea"
         << QStringList{"2024-12-31T23:59:59.500Z fix=1 sats=9 date=1 valid=1 0.000000000,-180.000000000 alt=0.000",
                "2024-12-31T23:59:59.750Z fix=1 sats=10 date=0 valid=1 -90.000000000,0.000000000 alt=1.001",
                "2025-01-01T00:00:00.000Z fix=1 sats=11 date=0 valid=1 0.000001667,0.000001667 alt=2.000",
                "2025-01-01T00:00:00.250Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000",
-               "2025-01-01T00:00:00.500Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000", "flush"}
-        << quint64(0);
+               "2025-01-01T00:00:00.500Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000"}
+        << quint64(0) << QString("3 3 4 5 6");
+    QTest::newRow("cycle end learnt from a partial first epoch, unlearnt on a late ZDA")
+        << "gn-cycle-learning.nmea"
+        << QStringList{"2025-06-15T09:30:00.000Z fix=1 sats=11 date=1 valid=1 1.000000000,103.000000000 alt=10.000 "
+                       "speed=0",
+               "2025-06-15T09:30:01.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:02.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:03.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:04.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:05.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0"}
+        << quint64(0) << QString("7 12 16 21 28 32");
     // Dropped: a wrong checksum, noise, no checksum, five fields that do not convert, too few
     // fields, a sentence cut off by the next, one too long.
     QTest::newRow("bad input among good sentences")
@@ -152,8 +165,8 @@ void TestKrNmeaGpsSource::recordings_data()
         << QStringList{"- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
                "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
                "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
-               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400", "flush"}
-        << quint64(12);
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400"}
+        << quint64(12) << QString("4 4 13 14");
 }
 
 void TestKrNmeaGpsSource::recordings()
@@ -161,19 +174,24 @@ void TestKrNmeaGpsSource::recordings()
     QFETCH(QString, file);
     QFETCH(QStringList, expected);
     QFETCH(quint64, dropped);
+    QFETCH(QString, emittedAt);
 
     const QByteArray bytes = recording(file);
     QVERIFY(!bytes.isEmpty());
     QRandomGenerator random(18);
-    const std::pair<const char *, std::function<int()>> chunkings[]
-        = {{"whole", [&] { return bytes.size(); }}, {"bytes", [] { return 1; }}, {"3 bytes", [] { return 3; }},
-            {"64 bytes", [] { return 64; }}, {"random", [&] { return random.bounded(1, 200); }}};
+    const std::pair<const char *, std::function<int(int)>> chunkings[]
+        = {{"lines", [&](int at) { return bytes.indexOf('\n', at) + 1 - at; }},
+            {"whole", [&](int) { return bytes.size(); }}, {"bytes", [](int) { return 1; }},
+            {"3 bytes", [](int) { return 3; }}, {"64 bytes", [](int) { return 64; }},
+            {"random", [&](int) { return random.bounded(1, 200); }}};
     for (const auto &chunking : chunkings) {
         const Run run = feed(bytes, chunking.second);
         if (run.emitted != expected || run.dropped != dropped)
             qWarning().noquote() << chunking.first << "\n " << run.emitted.join("\n  ") << "\n dropped" << run.dropped;
         QCOMPARE(run.emitted, expected);
         QCOMPARE(run.dropped, dropped);
+        if (chunking.first == QLatin1String("lines"))
+            QCOMPARE(run.lines.join(' '), emittedAt);
     }
 }
 
