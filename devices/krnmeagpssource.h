@@ -13,8 +13,9 @@ namespace Pal {
 /// Turns the NMEA 0183 output of a GPS receiver into one KrGpsInfo per navigation epoch.
 ///
 /// Bytes arrive in chunks of any size, split anywhere: addData() connects to a data
-/// collector's rawDataReady() or to a proxy's dataReady(). Zero bytes are skipped wherever
-/// they fall, since the data collector pads each buffer with them.
+/// collector's rawDataReady(), or directly to a proxy's dataReady() (its pointer lives only as
+/// long as the emission). Zero bytes are skipped wherever they fall, since the data collector
+/// pads each buffer with them.
 ///
 /// An epoch is the run of sentences that share one UTC time of day (GGA, RMC, GLL, ZDA and GST
 /// carry it; GSA and VTG join the epoch under way). It is emitted once complete: when a

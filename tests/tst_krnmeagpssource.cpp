@@ -248,9 +248,9 @@ void TestKrNmeaGpsSource::tool_data()
     QTest::newRow("missing file") << QStringList{"/nonexistent.nmea"} << QByteArray() << 1 << QByteArray()
                                   << QByteArray(
                                          "krpal-nmea: cannot open /nonexistent.nmea: No such file or directory\n");
-    QTest::newRow("bad baud") << QStringList{"--baud", "12345", "-"} << QByteArray() << 2 << QByteArray()
-                              << QByteArray("krpal-nmea: --baud wants a standard rate such as 9600 or 115200, not "
-                                            "\"12345\"\n");
+    QTest::newRow("bad baud") << QStringList{"--baud", "9k6", "-"} << QByteArray() << 2 << QByteArray()
+                              << QByteArray("krpal-nmea: --baud wants a rate from 50 to 4000000, such as 9600, not "
+                                            "\"9k6\"\n");
     QTest::newRow("no source") << QStringList{"--json"} << QByteArray() << 2 << QByteArray()
                                << QByteArray("krpal-nmea: give one SOURCE: a file, a serial line, or - for standard "
                                              "input\n");
