@@ -73,6 +73,8 @@ const Row rows[] = {
         Comparison::TimeAtMost, 2},
     {"  context: one thread, no writer", {"registry/application", "one_reader_ns"}, lookupsWithoutWriter,
         Comparison::TimeAtMost, 0},
+    {"NMEA sentences: addData", {"nmea/sentences", "addData_ns"}, {"nmea/sentences", "checksum_loop_ns"},
+        Comparison::TimeAtMost, 0},
 };
 
 const char memoryBenchmark[] = "memory/root_of_1000_devices";
@@ -243,6 +245,7 @@ int main(int argc, char **argv)
     Bench::registerResultRendering();
     Bench::registerApplicationLookup();
     Bench::registerDeviceMemory();
+    Bench::registerNmeaSentences();
 
     std::printf("load average before the run: %s\n", loadAverage().c_str());
     TableReporter reporter;

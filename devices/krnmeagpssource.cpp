@@ -6,6 +6,7 @@
 #include <QGeoCoordinate>
 #include <QGeoPositionInfo>
 
+#include <cstring>
 #include <limits>
 
 namespace Pal {
@@ -22,6 +23,13 @@ constexpr int maxGsaPerEpoch = 16;
 unsigned typeBit(int type)
 {
     return 1u << type;
+}
+
+// Bytes that end a sentence's body: a line end, the start of the next sentence, and the zero
+// bytes that are skipped.
+bool endsSentence(char c)
+{
+    return c == '\r' || c == '\n' || c == '$' || c == '\0';
 }
 
 // Kinds a receiver sends once per epoch; GSA comes once per constellation.
@@ -139,8 +147,25 @@ void KrNmeaGpsSource::flush()
 
 void KrNmeaGpsSource::Private::feed(const char *data, int size)
 {
-    for (const char *p = data, *end = data + size; p != end; ++p) {
-        const char c = *p;
+    const char *p = data;
+    const char *const end = data + size;
+    while (p != end) {
+        if (input == Input::Sentence) {
+            // The bulk of the input: a sentence's body, taken up to the next byte that ends it.
+            const char *const run = p;
+            while (p != end && !endsSentence(*p))
+                ++p;
+            const int length = int(p - run);
+            if (length > Internal::maxNmeaSentenceSize - sentenceSize) {
+                input = Input::Overlong;
+            } else {
+                std::memcpy(sentence + sentenceSize, run, size_t(length));
+                sentenceSize += length;
+            }
+            if (p == end)
+                break;
+        }
+        const char c = *p++;
         switch (c) {
         case '\0':
             break;
@@ -155,14 +180,8 @@ void KrNmeaGpsSource::Private::feed(const char *data, int size)
             endLine();
             break;
         default:
-            if (input == Input::Sentence) {
-                if (sentenceSize < Internal::maxNmeaSentenceSize)
-                    sentence[sentenceSize++] = c;
-                else
-                    input = Input::Overlong;
-            } else if (input == Input::BetweenLines) {
+            if (input == Input::BetweenLines)
                 input = Input::Noise;
-            }
         }
     }
 }

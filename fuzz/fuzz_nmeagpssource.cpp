@@ -198,16 +198,18 @@ void checkReceiver(Reader &reader)
         const QByteArray date = epoch.withDate ? day.toString(QStringLiteral("ddMMyy")).toLatin1() : QByteArray();
         for (const QByteArray &type : order) {
             QByteArray body;
-            if (type == "GGA")
-                body = epoch.fix ? "GPGGA," + time + ',' + position + ",1," + digits(epoch.satellites, 2) + ",0.9,"
-                        + thousandths(epoch.altitudeMm) + ",M,47.0,M,,"
-                                 : "GPGGA," + time + ",,,,,0," + digits(epoch.satellites, 2) + ",,,,,,,";
+            if (type == "GGA" && epoch.fix)
+                body = "GPGGA," + time + ',' + position + ",1," + digits(epoch.satellites, 2) + ",0.9,"
+                    + thousandths(epoch.altitudeMm) + ",M,47.0,M,,";
+            else if (type == "GGA")
+                body = "GPGGA," + time + ",,,,,0," + digits(epoch.satellites, 2) + ",,,,,,,";
             else if (type == "GSA")
                 body = epoch.fix ? "GPGSA,A,3,01,02,03,04,,,,,,,,,1.0,0.9,1.1" : "GPGSA,A,1,,,,,,,,,,,,,,,";
+            else if (epoch.fix)
+                body = "GPRMC," + time + ",A," + position + ',' + thousandths(epoch.knotsE3) + ','
+                    + QByteArray::number(double(epoch.courseE2) / 100, 'f', 2) + ',' + date + ",,,A";
             else
-                body = epoch.fix ? "GPRMC," + time + ",A," + position + ',' + thousandths(epoch.knotsE3) + ','
-                        + QByteArray::number(double(epoch.courseE2) / 100, 'f', 2) + ',' + date + ",,,A"
-                                 : "GPRMC," + time + ",V,,,,,,," + date + ",,,N";
+                body = "GPRMC," + time + ",V,,,,,,," + date + ",,,N";
             // Now and then a bad sentence first, or padding.
             switch (reader.next(16)) {
             case 0:
