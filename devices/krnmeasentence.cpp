@@ -29,6 +29,18 @@ constexpr int maxDecimalDigits = 15;
 // Minutes of arc beyond 1e-10 carry nothing a receiver measures.
 constexpr int maxMinuteFractionDigits = 10;
 
+// The bytes a sentence's body may hold.
+struct BodyBytes
+{
+    bool allowed[256] = {};
+    constexpr BodyBytes()
+    {
+        for (int c = 0x20; c <= 0x7e; ++c)
+            allowed[c] = c != '$' && c != '*' && c != '!' && c != '\\';
+    }
+};
+constexpr BodyBytes bodyBytes;
+
 bool isDigit(char c)
 {
     return c >= '0' && c <= '9';
@@ -356,25 +368,26 @@ NmeaParseResult parseNmeaSentence(const char *text, int size, NmeaSentence *resu
 
     // The checksum covers every byte between '$' and '*'; the body is printable ASCII without
     // the characters that delimit sentences.
+    const char *const end = text + size - 3;
     Field fields[maxFields];
     int count = 0;
     int checksum = 0;
-    const char *fieldStart = text + 1;
-    const char *const end = text + size - 3;
-    for (const char *p = text + 1; p <= end; ++p) {
-        if (p == end || *p == ',') {
-            if (count < maxFields)
-                fields[count] = {fieldStart, int(p - fieldStart)};
-            ++count;
-            fieldStart = p + 1;
-            if (p == end)
-                break;
-        }
+    const char *field = text + 1;
+    for (const char *p = field; p != end; ++p) {
         const uchar c = uchar(*p);
-        if (c < 0x20 || c > 0x7e || c == '$' || c == '*' || c == '!' || c == '\\')
+        if (!bodyBytes.allowed[c])
             return NmeaParseResult::Bad;
         checksum ^= c;
+        if (c == ',') {
+            if (count < maxFields)
+                fields[count] = {field, int(p - field)};
+            ++count;
+            field = p + 1;
+        }
     }
+    if (count < maxFields)
+        fields[count] = {field, int(end - field)};
+    ++count;
     if (checksum != high * 16 + low)
         return NmeaParseResult::Bad;
 
