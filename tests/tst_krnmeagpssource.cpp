@@ -8,6 +8,7 @@
 #include <QGeoPositionInfo>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QSemaphore>
 #include <QTest>
 #include <QThread>
 
@@ -203,15 +204,21 @@ void TestKrNmeaGpsSource::queued()
     QObject receiver;
     receiver.moveToThread(&thread);
     QStringList received;
+    QSemaphore arrived;
     connect(
         &source, &KrNmeaGpsSource::gpsInfoUpdated, &receiver,
-        [&](const KrGpsInfo &info) { received << describe(info); }, Qt::QueuedConnection);
+        [&](const KrGpsInfo &info) {
+            received << describe(info);
+            arrived.release();
+        },
+        Qt::QueuedConnection);
     thread.start();
     source.addData(recording("sirf-2d.nmea"));
     source.flush();
-    QTRY_COMPARE(received.size(), 2);
+    QVERIFY(arrived.tryAcquire(2, 5000));
     thread.quit();
     QVERIFY(thread.wait(5000));
+    QCOMPARE(received.size(), 2);
     QCOMPARE(received.last(), describe(source.lastGpsInfo()));
 }
 
