@@ -70,8 +70,10 @@ struct Epoch
 
 } // namespace
 
-struct KrNmeaGpsSource::Private
+// Kept out of the exported class, so that none of it is exported.
+class KrNmeaGpsSourcePrivate
 {
+public:
     enum class Input
     {
         BetweenLines,
@@ -108,7 +110,7 @@ struct KrNmeaGpsSource::Private
 
 KrNmeaGpsSource::KrNmeaGpsSource(QObject *parent)
     : QObject(parent)
-    , d(new Private)
+    , d(new KrNmeaGpsSourcePrivate)
 {
     d->q = this;
     // Queued connections to gpsInfoUpdated() need the type by name too.
@@ -145,7 +147,7 @@ void KrNmeaGpsSource::flush()
         d->closeEpoch(false);
 }
 
-void KrNmeaGpsSource::Private::feed(const char *data, int size)
+void KrNmeaGpsSourcePrivate::feed(const char *data, int size)
 {
     const char *p = data;
     const char *const end = data + size;
@@ -186,7 +188,7 @@ void KrNmeaGpsSource::Private::feed(const char *data, int size)
     }
 }
 
-void KrNmeaGpsSource::Private::endLine()
+void KrNmeaGpsSourcePrivate::endLine()
 {
     const Input ended = input;
     input = Input::BetweenLines;
@@ -202,7 +204,7 @@ void KrNmeaGpsSource::Private::endLine()
     }
 }
 
-void KrNmeaGpsSource::Private::takeSentence(const NmeaSentence &s)
+void KrNmeaGpsSourcePrivate::takeSentence(const NmeaSentence &s)
 {
     const int type = s.type;
     if (s.timeMs >= 0) {
@@ -240,7 +242,7 @@ void KrNmeaGpsSource::Private::takeSentence(const NmeaSentence &s)
     }
 }
 
-void KrNmeaGpsSource::Private::closeEpoch(bool learnCycleEnd)
+void KrNmeaGpsSourcePrivate::closeEpoch(bool learnCycleEnd)
 {
     if (learnCycleEnd) {
         cycleEnd = epoch.lastKey;
@@ -251,7 +253,7 @@ void KrNmeaGpsSource::Private::closeEpoch(bool learnCycleEnd)
     Q_EMIT q->gpsInfoUpdated(last);
 }
 
-KrGpsInfo KrNmeaGpsSource::Private::epochInfo()
+KrGpsInfo KrNmeaGpsSourcePrivate::epochInfo()
 {
     const NmeaSentence *const gga = epoch.sentence(NmeaSentence::Gga);
     const NmeaSentence *rmc = epoch.sentence(NmeaSentence::Rmc);

@@ -10,6 +10,8 @@
 
 namespace Pal {
 
+class KrNmeaGpsSourcePrivate;
+
 /// Turns the NMEA 0183 output of a GPS receiver into one KrGpsInfo per navigation epoch.
 ///
 /// Bytes arrive in chunks of any size, split anywhere: addData() connects to a data
@@ -54,8 +56,7 @@ Q_SIGNALS:
     void gpsInfoUpdated(const Pal::KrGpsInfo &info);
 
 private:
-    struct Private;
-    std::unique_ptr<Private> d;
+    std::unique_ptr<KrNmeaGpsSourcePrivate> d;
 };
 
 } // namespace Pal
