@@ -154,8 +154,10 @@ int NmeaTool::run(const QStringList &arguments)
         status = readStream(STDIN_FILENO, QStringLiteral("standard input"), source);
     } else {
         const QByteArray nativePath = QFile::encodeName(path);
-        const int fd = ::open(nativePath.constData(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
+        // A serial line opens without waiting for its carrier; a pipe waits for its writer.
         struct stat info = {};
+        const bool device = ::stat(nativePath.constData(), &info) == 0 && S_ISCHR(info.st_mode);
+        const int fd = ::open(nativePath.constData(), O_RDONLY | O_NOCTTY | O_CLOEXEC | (device ? O_NONBLOCK : 0));
         if (fd < 0 || ::fstat(fd, &info) != 0) {
             const int error = errno;
             if (fd >= 0)
@@ -167,6 +169,8 @@ int NmeaTool::run(const QStringList &arguments)
             ::close(fd);
             return fail(QStringLiteral("cannot read %1: it is a directory").arg(path), Unreadable);
         }
+        if (device)
+            ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
         const bool terminal = ::isatty(fd);
         if (terminal) {
             ::close(fd);
