@@ -118,6 +118,7 @@ void registerCalibrationFile();
 void registerResultRendering();
 void registerApplicationLookup();
 void registerDeviceMemory();
+void registerUioRegisters();
 void registerNmeaSentences();
 
 /// The memory probe runs in a process of its own, started by the memory benchmark with this
