@@ -119,6 +119,7 @@ void registerResultRendering();
 void registerApplicationLookup();
 void registerDeviceMemory();
 void registerUioRegisters();
+void registerDeviceTransport();
 void registerNmeaSentences();
 
 /// The memory probe runs in a process of its own, started by the memory benchmark with this

@@ -1,6 +1,9 @@
 // Recorded receiver output through KrNmeaGpsSource, in every chunking, with every emitted value
 // compared whole; and krpal-nmea run on a log file and on standard input.
 
+#include "ptypair.h"
+#include "toolprocess.h"
+
 #include <pal/devices/krnmeagpssource.h>
 
 #include <QFile>
@@ -12,6 +15,7 @@
 #include <QThread>
 
 #include <functional>
+
 #include <mutex>
 
 using Pal::KrGpsInfo;
@@ -84,6 +88,20 @@ Run feed(const QByteArray &bytes, const std::function<int(int)> &chunks)
     return run;
 }
 
+// krpal-nmea --json on no-fix-at-start.nmea.
+const QByteArray noFixJson
+    = "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
+      "\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
+      "\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":3,\"hasDate\":false,"
+      "\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":\"2024-04-17T08:00:01.000Z\",\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,"
+      "\"satellites\":3,\"hasDate\":true,\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":\"2024-04-17T08:00:02.000Z\",\"lat\":51.5,\"lon\":-0.125,\"altMSL\":-12.345,\"fix\":true,"
+      "\"satellites\":5,\"hasDate\":true,\"valid\":true,\"speed\":0.0051444444444444445,\"course\":null}\n";
+const QByteArray noFixSummary = "krpal-nmea: 5 epochs, 1 with a fix, 0 sentences dropped\n";
+
 } // namespace
 
 class TestKrNmeaGpsSource : public QObject
@@ -96,6 +114,7 @@ private Q_SLOTS:
     void queued();
     void tool_data();
     void tool();
+    void serialLine();
 };
 
 // Each recording's epochs, the number of bad sentences in it, and the lines (fed one by one)
@@ -235,21 +254,9 @@ void TestKrNmeaGpsSource::tool_data()
     QTest::addColumn<QByteArray>("errors");
 
     const QString noFix = KRPAL_NMEA_DATA "/no-fix-at-start.nmea";
-    const QByteArray noFixJson
-        = "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
-          "\"valid\":false,\"speed\":null,\"course\":null}\n"
-          "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
-          "\"valid\":false,\"speed\":null,\"course\":null}\n"
-          "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":3,\"hasDate\":false,"
-          "\"valid\":false,\"speed\":null,\"course\":null}\n"
-          "{\"time\":\"2024-04-17T08:00:01.000Z\",\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,"
-          "\"satellites\":3,\"hasDate\":true,\"valid\":false,\"speed\":null,\"course\":null}\n"
-          "{\"time\":\"2024-04-17T08:00:02.000Z\",\"lat\":51.5,\"lon\":-0.125,\"altMSL\":-12.345,\"fix\":true,"
-          "\"satellites\":5,\"hasDate\":true,\"valid\":true,\"speed\":0.0051444444444444445,\"course\":null}\n";
-    const QByteArray summary = "krpal-nmea: 5 epochs, 1 with a fix, 0 sentences dropped\n";
-    QTest::newRow("file") << QStringList{"--json", noFix} << QByteArray() << 0 << noFixJson << summary;
+    QTest::newRow("file") << QStringList{"--json", noFix} << QByteArray() << 0 << noFixJson << noFixSummary;
     QTest::newRow("standard input") << QStringList{"--json", "-"} << recording("no-fix-at-start.nmea") << 0 << noFixJson
-                                    << summary;
+                                    << noFixSummary;
     QTest::newRow("text") << QStringList{"-"} << recording("sirf-2d.nmea") << 0
                           << QByteArray("1999-12-31T23:59:58.000Z fix sats=4 lat=-33.852057612 lon=-151.212757202 "
                                         "speed=0.514m/s course=359.99deg\n"
@@ -279,7 +286,7 @@ void TestKrNmeaGpsSource::tool()
     QFETCH(QByteArray, errors);
 
     QProcess process;
-    process.start(KRPAL_NMEA, arguments);
+    startTool(process, KRPAL_NMEA, arguments);
     QVERIFY(process.waitForStarted(10000));
     process.write(input);
     process.closeWriteChannel();
@@ -288,6 +295,36 @@ void TestKrNmeaGpsSource::tool()
     QCOMPARE(process.readAllStandardOutput(), output);
     QCOMPARE(process.readAllStandardError(), errors);
     QCOMPARE(process.exitCode(), exitCode);
+#endif
+}
+
+// krpal-nmea on a pseudo-terminal until SIGTERM: the lines of the same recording as a file.
+void TestKrNmeaGpsSource::serialLine()
+{
+#ifndef KRPAL_NMEA
+    QSKIP("built without the examples");
+#else
+    PtyPair pty(true);
+    if (pty.master < 0)
+        QSKIP("no pseudo-terminals here");
+    QProcess process;
+    startTool(process, KRPAL_NMEA, {"--json", "--baud", "115200", pty.slavePath});
+    // Input that waits before the tool opens the line is discarded; the tool says when it reads.
+    const QByteArray reading = "krpal-nmea: reading " + pty.slavePath.toLocal8Bit() + " at 115200 baud\n";
+    QByteArray errors;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (errors += process.readAllStandardError()).endsWith('\n') || process.state() == QProcess::NotRunning, 10000);
+    if (errors != reading)
+        QSKIP(errors.constData());
+    QVERIFY(pty.send(recording("no-fix-at-start.nmea")));
+    QByteArray output;
+    QTRY_COMPARE_WITH_TIMEOUT((output += process.readAllStandardOutput()).count('\n'), 5, 10000);
+    process.terminate();
+    QVERIFY(process.waitForFinished(10000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(output + process.readAllStandardOutput(), noFixJson);
+    QCOMPARE(errors + process.readAllStandardError(), reading + noFixSummary);
+    QCOMPARE(process.exitCode(), 0);
 #endif
 }
 

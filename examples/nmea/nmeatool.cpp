@@ -1,14 +1,18 @@
 #include "nmeatool.h"
 
 #include <pal/devices/krnmeagpssource.h>
+#include <pal/devices/krserialdeviceproxy.h>
+#include <pal/krdatacollector.h>
 #include <pal/krgpsinfo.h>
 
 #include <QCommandLineParser>
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QFile>
 #include <QGeoCoordinate>
 #include <QGeoPositionInfo>
 #include <QLocale>
+#include <QSocketNotifier>
 
 #include <cerrno>
 #include <csignal>
@@ -207,9 +211,33 @@ int NmeaTool::readStream(int fd, const QString &name, KrNmeaGpsSource &source)
 
 int NmeaTool::readSerial(const QString &path, qint32 baudRate, KrNmeaGpsSource &source)
 {
-    Q_UNUSED(baudRate)
-    Q_UNUSED(source)
-    return fail(QStringLiteral("%1 is a terminal; serial lines are not supported yet").arg(path), Unreadable);
+    Pal::KrSerialDeviceProxy receiver(path, baudRate);
+    if (!receiver.isOpen())
+        return fail(QStringLiteral("cannot open %1: %2").arg(path, receiver.errorString()), Unreadable);
+    // Input that waited before the open was discarded: from here on nothing is lost.
+    std::fprintf(stderr, "krpal-nmea: reading %s at %d baud\n", qPrintable(path), int(receiver.baudRate()));
+    if (::pipe2(s_wakeUpPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+        return fail(QStringLiteral("cannot watch for signals: %1").arg(QString::fromLocal8Bit(std::strerror(errno))),
+            Unreadable);
+    {
+        // A signal that came before the pipe was there has set the flag; one after it wakes the
+        // loop through the pipe.
+        QSocketNotifier wakeUp(s_wakeUpPipe[0], QSocketNotifier::Read);
+        QObject::connect(&wakeUp, &QSocketNotifier::activated, QCoreApplication::instance(), &QCoreApplication::quit);
+        Pal::KrDataCollector collector(&receiver, 1024);
+        QObject::connect(&collector, &Pal::KrDataCollector::rawDataReady, &source,
+            qOverload<const QByteArray &>(&KrNmeaGpsSource::addData), Qt::QueuedConnection);
+        collector.start();
+        if (!s_interrupted)
+            QCoreApplication::exec();
+        collector.stop();
+    }
+    // The buffers the collector delivered before it stopped.
+    QCoreApplication::sendPostedEvents(&source, QEvent::MetaCall);
+    ::close(s_wakeUpPipe[0]);
+    ::close(s_wakeUpPipe[1]);
+    s_wakeUpPipe[0] = s_wakeUpPipe[1] = -1;
+    return Done;
 }
 
 void NmeaTool::print(const KrGpsInfo &info)
