@@ -15,7 +15,6 @@
 #include <QThread>
 
 #include <functional>
-
 #include <mutex>
 
 using Pal::KrGpsInfo;
