@@ -224,16 +224,17 @@ int NmeaTool::readSerial(const QString &path, qint32 baudRate, KrNmeaGpsSource &
         // loop through the pipe.
         QSocketNotifier wakeUp(s_wakeUpPipe[0], QSocketNotifier::Read);
         QObject::connect(&wakeUp, &QSocketNotifier::activated, QCoreApplication::instance(), &QCoreApplication::quit);
+        // The source works on the collector thread while the collector runs; this thread only
+        // waits for a signal, and touches the source again after stop(), which waits for the
+        // collector's pass in progress.
         Pal::KrDataCollector collector(&receiver, 1024);
         QObject::connect(&collector, &Pal::KrDataCollector::rawDataReady, &source,
-            qOverload<const QByteArray &>(&KrNmeaGpsSource::addData), Qt::QueuedConnection);
+            qOverload<const QByteArray &>(&KrNmeaGpsSource::addData), Qt::DirectConnection);
         collector.start();
         if (!s_interrupted)
             QCoreApplication::exec();
         collector.stop();
     }
-    // The buffers the collector delivered before it stopped.
-    QCoreApplication::sendPostedEvents(&source, QEvent::MetaCall);
     ::close(s_wakeUpPipe[0]);
     ::close(s_wakeUpPipe[1]);
     s_wakeUpPipe[0] = s_wakeUpPipe[1] = -1;
