@@ -1,15 +1,18 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that building and testing KrPal needs, and only those that
 # are missing. Idempotent; runs apt-get as root, through sudo otherwise.
-#   scripts/install-deps.sh [--fuzz] [more packages]
+#   scripts/install-deps.sh [--fuzz | --coverage] [more packages]
 set -euo pipefail
 
-packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format qtbase5-dev qtpositioning5-dev libbenchmark-dev)
-# --fuzz: clang and its libFuzzer runtime as well, for the fuzz build (run-tests.sh --fuzz).
-if [ "${1:-}" = "--fuzz" ]; then
-    packages+=(clang libclang-rt-14-dev)
-    shift
-fi
+# libfiu (fiu-utils, libfiu-dev) injects the system-call failures of the fault-injection test.
+packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format qtbase5-dev qtpositioning5-dev libbenchmark-dev
+    fiu-utils libfiu-dev)
+case "${1:-}" in
+    # clang and its libFuzzer runtime, for the fuzz build (run-tests.sh --fuzz)
+    --fuzz) packages+=(clang libclang-rt-14-dev); shift ;;
+    # gcovr, for the coverage build (run-tests.sh --coverage)
+    --coverage) packages+=(gcovr); shift ;;
+esac
 packages+=("$@")
 
 missing=()
