@@ -57,17 +57,19 @@ RANDOM=$seed
 
 # Each point fails with the errnos that its call can return among EIO, ENOSPC, EINTR, EACCES.
 # EINTR is retried where the call allows it; every other failure must stop the write.
+EIO=5 EINTR=4 EACCES=13 ENOSPC=28
 points() {
     local p=$1
-    echo --fault "posix/io/oc/open=$p:EACCES,ENOSPC,EINTR" --fault "posix/io/rw/read=$p:EIO,EINTR" \
-        --fault "posix/io/rw/write=$p:EIO,ENOSPC,EINTR" --fault "posix/io/sync/fsync=$p:EIO,ENOSPC,EINTR" \
-        --fault "posix/io/oc/close=$p:EIO,ENOSPC,EINTR" --fault "posix/io/dir/rename=$p:EACCES,ENOSPC" \
-        --fault "posix/io/dir/mkdir=$p:EACCES,ENOSPC"
+    echo --fault "posix/io/oc/open=$p:$EACCES,$ENOSPC,$EINTR" --fault "posix/io/rw/read=$p:$EIO,$EINTR" \
+        --fault "posix/io/rw/write=$p:$EIO,$ENOSPC,$EINTR" --fault "posix/io/sync/fsync=$p:$EIO,$ENOSPC,$EINTR" \
+        --fault "posix/io/oc/close=$p:$EIO,$ENOSPC,$EINTR" --fault "posix/io/dir/rename=$p:$EACCES,$ENOSPC" \
+        --fault "posix/io/dir/mkdir=$p:$EACCES,$ENOSPC"
 }
 declare -A stepPoint=([open]=posix/io/oc/open [read]=posix/io/rw/read [write]=posix/io/rw/write
     [fsync]=posix/io/sync/fsync [close]=posix/io/oc/close [rename]=posix/io/dir/rename [mkdir]=posix/io/dir/mkdir)
-declare -A errnoText=([EIO]="Input/output error" [ENOSPC]="No space left on device"
-    [EINTR]="Interrupted system call" [EACCES]="Permission denied")
+declare -A errnoText=([$EIO]="Input/output error" [$ENOSPC]="No space left on device"
+    [$EINTR]="Interrupted system call" [$EACCES]="Permission denied")
+declare -A errnoName=([$EIO]=EIO [$ENOSPC]=ENOSPC [$EINTR]=EINTR [$EACCES]=EACCES)
 
 total_runs=0
 changed=0
@@ -218,9 +220,10 @@ done
 kill_seconds=$((SECONDS - started))
 
 echo "fault injection: $total_runs runs in $fault_seconds s ($changed changed the file, $unchanged left it as it was)"
-echo "faults injected by kind (point errno count):"
-awk '{ count[$1 " " $2] += $3; all += $3 } END { for (k in count) print "  " k, count[k]; print "  all", all + 0 }' \
-    "$work/faults.log" | sort
+echo "faults injected by kind (point, errno, count):"
+while read -r point errno count; do echo "$point ${errnoName[$errno]} $count"; done <"$work/faults.log" |
+    awk '{ count[$1 " " $2] += $3; all += $3 } END { for (k in count) print "  " k, count[k]; print "  all", all + 0 }' |
+    sort
 echo "crash consistency: $kills kills in $kill_seconds s, $midWrite of them during a write (a temporary file left, removed by the next write)"
 echo "invariant violations: $violations"
 [ "$violations" -eq 0 ] && rm -rf "$work" "$killWork"
