@@ -230,6 +230,18 @@ private Q_SLOTS:
         QCOMPARE(factors, expected);
     }
 
+    // A missing DAC key leaves its field as the caller had it; the other eight are read.
+    void missingDacKey()
+    {
+        writeFile(QByteArray(exampleBytes).replace("FACTORY_TCXO=2048\n", ""));
+        Factors factors{};
+        factors.factoryTcxo = 7;
+        QVERIFY(!Pal::TcxoCalDevice("tcxo", path).getTcxoCalFactors(factors));
+        Factors expected = example;
+        expected.factoryTcxo = 7;
+        QCOMPARE(factors, expected);
+    }
+
     void cLibraryLocale()
     {
         if (QByteArray(std::setlocale(LC_ALL, nullptr)) != "de_DE.UTF-8")

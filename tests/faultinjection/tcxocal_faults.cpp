@@ -113,6 +113,9 @@ int main(int argc, char *argv[])
         status = tool.run(runArguments);
         s_armed = false;
     }
+    // Whatever runs after main(), such as writing coverage data, must find no point enabled.
+    for (const auto &point : s_points)
+        fiu_disable(point.first.c_str());
     if (::fcntl(3, F_GETFD) != -1) {
         for (const auto &[point, count] : s_injected)
             dprintf(3, "%s %ld %d\n", point.first.c_str(), point.second, count);
