@@ -47,6 +47,7 @@ const Figure threadRestart{"command/round_trips", "thread_restart_ns"};
 const Figure openReadClose{"tcxo/read", "open_read_close_ns"};
 const Figure replaceByHand{"tcxo/write", "replace_by_hand_ns"};
 const Figure lookupsWithoutWriter{"registry/application", "no_writer_ns"};
+const Figure storesByHand{"uio/register_batch", "by_hand_ns"};
 
 const Row rows[] = {
     {"command round trip", {"command/round_trips", "write_ns"}, threadRestart, Comparison::TimeAtMost, 1.15},
@@ -73,6 +74,9 @@ const Row rows[] = {
         Comparison::TimeAtMost, 2},
     {"  context: one thread, no writer", {"registry/application", "one_reader_ns"}, lookupsWithoutWriter,
         Comparison::TimeAtMost, 0},
+    {"UIO register batch, 64 stores", {"uio/register_batch", "write_ns"}, storesByHand, Comparison::TimeAtMost, 2},
+    {"  context: stores, no barrier", {"uio/register_batch", "stores_only_ns"}, storesByHand, Comparison::TimeAtMost,
+        0},
 };
 
 const char memoryBenchmark[] = "memory/root_of_1000_devices";
@@ -243,6 +247,7 @@ int main(int argc, char **argv)
     Bench::registerResultRendering();
     Bench::registerApplicationLookup();
     Bench::registerDeviceMemory();
+    Bench::registerUioRegisters();
 
     std::printf("load average before the run: %s\n", loadAverage().c_str());
     TableReporter reporter;
