@@ -77,6 +77,10 @@ const Row rows[] = {
     {"UIO register batch, 64 stores", {"uio/register_batch", "write_ns"}, storesByHand, Comparison::TimeAtMost, 2},
     {"  context: stores, no barrier", {"uio/register_batch", "stores_only_ns"}, storesByHand, Comparison::TimeAtMost,
         0},
+    {"devices: collector on a pipe, 64 KiB", {"devices/collector_on_pipe", "collector_ns"},
+        {"devices/collector_on_pipe", "plain_read_loop_ns"}, Comparison::ThroughputAtLeast, 0.9},
+    {"devices: ioctl over a pseudo-terminal", {"devices/ioctl_over_pty", "ioctl_ns"},
+        {"devices/ioctl_over_pty", "write_poll_read_ns"}, Comparison::TimeAtMost, 1.1},
 };
 
 const char memoryBenchmark[] = "memory/root_of_1000_devices";
@@ -248,6 +252,7 @@ int main(int argc, char **argv)
     Bench::registerApplicationLookup();
     Bench::registerDeviceMemory();
     Bench::registerUioRegisters();
+    Bench::registerDeviceTransport();
 
     std::printf("load average before the run: %s\n", loadAverage().c_str());
     TableReporter reporter;

@@ -119,6 +119,7 @@ void registerResultRendering();
 void registerApplicationLookup();
 void registerDeviceMemory();
 void registerUioRegisters();
+void registerDeviceTransport();
 
 /// The memory probe runs in a process of its own, started by the memory benchmark with this
 /// argument: it prints the resident memory of the empty process and of the process holding

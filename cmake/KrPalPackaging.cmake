@@ -1,5 +1,5 @@
 # Debian packages, made with CPack from a build configured for /usr (see the README):
-#   libkrpal1     component runtime: libKrPal.so.1 and libCrosscutting.so.1
+#   libkrpal1     component runtime: libKrPal.so.1, libKrPalDevices.so.1 and libCrosscutting.so.1
 #   libkrpal-dev  component development: headers, CMake package, pkg-config file, .so links
 #   krpal-tools   component tools, the default one: the demo and the tools
 # Included after every install rule, since CPack takes the components known by then.
@@ -60,9 +60,12 @@ if(tools IN_LIST krpal_components)
 endif()
 
 if(KRPAL_USE_SYSTEM_CROSSCUTTING)
-    set(krpal_runtime_files "libKrPal.so.${PROJECT_VERSION_MAJOR}")
+    set(krpal_runtime_files "libKrPal.so.${PROJECT_VERSION_MAJOR} and its devices library
+libKrPalDevices.so.${PROJECT_VERSION_MAJOR}")
 else()
-    set(krpal_runtime_files "libKrPal.so.${PROJECT_VERSION_MAJOR} and its companion library libCrosscutting.so.1")
+    set(krpal_runtime_files "libKrPal.so.${PROJECT_VERSION_MAJOR}, its devices library
+libKrPalDevices.so.${PROJECT_VERSION_MAJOR} (ready-made proxies for serial lines and
+character devices) and its companion library libCrosscutting.so.1")
 endif()
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME "libkrpal${PROJECT_VERSION_MAJOR}")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
@@ -75,8 +78,9 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev (>= 5.15), qtpositioning5-dev (>= 5.15)")
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION "${PROJECT_DESCRIPTION} (development files)
-Headers, the CMake package KrPal and the pkg-config file KrPal.pc for building
-applications against libKrPal.")
+Headers, the CMake package KrPal (targets KrPal::KrPal and KrPal::Devices) and
+the pkg-config files KrPal.pc and KrPalDevices.pc for building applications
+against libKrPal and libKrPalDevices.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME krpal-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION misc)

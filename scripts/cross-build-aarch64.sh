@@ -78,7 +78,7 @@ for path in "${elf_files[@]}"; do
     echo "${path#"$build_dir"/}: $description"
     [ "$machine" = "AArch64" ] || fail "$path is built for '$machine', not AArch64"
 done
-for library in libKrPal.so.1 libCrosscutting.so.1; do
+for library in libKrPal.so.1 libKrPalDevices.so.1 libCrosscutting.so.1; do
     path=$(build_outputs -name "$library" -print -quit)
     if [ -z "$path" ]; then
         fail "$library was not built"
@@ -154,7 +154,9 @@ run_program() { # name, log file, program and arguments
     fi
 }
 
-# The QtTest programs; the install, format and package checks are host checks.
+# The QtTest programs, each started under the emulator explicitly, since the kernel need not
+# run foreign programs by itself (binfmt_misc); those that start the tools start them under
+# it too (KRPAL_TOOL_EMULATOR). The install, format and package checks are host checks.
 mapfile -t tests < <(ctest --test-dir "$build_dir" -N -LE '^(install|format|package)$' |
     sed -n 's/^ *Test *#[0-9]*: *//p')
 for name in "${tests[@]}"; do
@@ -188,8 +190,10 @@ done
 libs_deb=$(find "$build_dir/packages" -name 'libkrpal1_*.deb' -print -quit)
 if [ -n "$libs_deb" ]; then
     contents=$(dpkg-deb -c "$libs_deb")
-    grep -qE "usr/lib/$triplet/libKrPal\.so\.1( |\$)" <<<"$contents" ||
-        fail "libkrpal1 lacks usr/lib/$triplet/libKrPal.so.1"
+    for library in libKrPal.so.1 libKrPalDevices.so.1; do
+        grep -qE "usr/lib/$triplet/${library//./\\.}( |\$)" <<<"$contents" ||
+            fail "libkrpal1 lacks usr/lib/$triplet/$library"
+    done
 fi
 
 # An aarch64 application built against the unpacked arm64 packages, as a board application

@@ -1,5 +1,7 @@
 // Runs krpal-demo as its users do: how it exits, what its JSON document says, what it leaves.
 
+#include "toolprocess.h"
+
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -17,7 +19,7 @@ namespace {
 std::tuple<int, QByteArray, QByteArray> runDemo(const QString &options, const QStringList &more = {})
 {
     QProcess process;
-    process.start(KRPAL_DEMO, options.split(' ', Qt::SkipEmptyParts) + more);
+    startTool(process, KRPAL_DEMO, options.split(' ', Qt::SkipEmptyParts) + more);
     const bool exited = process.waitForFinished(60000) && process.exitStatus() == QProcess::NormalExit;
     return {exited ? process.exitCode() : -1, process.readAllStandardOutput(), process.readAllStandardError()};
 }

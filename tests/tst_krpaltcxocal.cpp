@@ -1,6 +1,8 @@
 // Runs krpal-tcxocal on temporary files: what it prints, how it exits, the files' exact bytes.
 
+#include "toolprocess.h"
 #include <QDir>
+
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
@@ -31,7 +33,7 @@ const QByteArray none; // no file at all
 std::tuple<int, QByteArray, QByteArray> runTool(const QStringList &arguments)
 {
     QProcess process;
-    process.start(KRPAL_TCXOCAL, arguments);
+    startTool(process, KRPAL_TCXOCAL, arguments);
     const bool exited = process.waitForFinished(30000) && process.exitStatus() == QProcess::NormalExit;
     return {exited ? process.exitCode() : -1, process.readAllStandardOutput(), process.readAllStandardError()};
 }

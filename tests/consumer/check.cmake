@@ -73,7 +73,7 @@ message(STATUS "${RUN_OUTPUT}")
 
 # pkg-config consumer.
 set(ENV{PKG_CONFIG_PATH} "${prefix}/lib/pkgconfig")
-run(pkg-config --cflags --libs KrPal)
+run(pkg-config --cflags --libs KrPalDevices)
 string(STRIP "${RUN_OUTPUT}" pcflags)
 separate_arguments(pcflags UNIX_COMMAND "${pcflags}")
 run("${CXX_COMPILER}" -std=c++17 -fPIC ${flags} "${SOURCE_DIR}/main.cpp" -o "${WORK_DIR}/consumer-pc" ${pcflags})

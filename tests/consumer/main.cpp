@@ -1,4 +1,5 @@
 #include <crosscutting/crosscutting.h>
+#include <pal/devices/krfiledeviceproxy.h>
 #include <pal/krdeviceabstraction.h>
 #include <pal/krpal_export.h>
 #include <pal/krpalapplicationmanager.h>
@@ -38,7 +39,15 @@ int main()
     const qint64 written = dac ? dac->write(1, 0) : 0;
     Pal::KrPalApplicationManager::remove(application);
 
-    std::printf("consumer: reporter answered %lld, device \"%s\" rejected a write with %lld\n",
-        static_cast<long long>(code), dacId.constData(), static_cast<long long>(written));
-    return code == 42 && dacId == "dac" && written == 7 ? 0 : 1;
+    // The devices library: a ready-made proxy on a node that takes every byte and has none.
+    Pal::KrFileDeviceProxy null(QStringLiteral("/dev/null"));
+    char bytes[] = "ping";
+    const qint64 nullWritten = null.write(bytes, 4);
+    const qint64 nullRead = null.read(bytes, 4);
+
+    std::printf("consumer: reporter answered %lld, device \"%s\" rejected a write with %lld, /dev/null took %lld "
+                "bytes and gave %lld\n",
+        static_cast<long long>(code), dacId.constData(), static_cast<long long>(written),
+        static_cast<long long>(nullWritten), static_cast<long long>(nullRead));
+    return code == 42 && dacId == "dac" && written == 7 && null.isOpen() && nullWritten == 4 && nullRead == 0 ? 0 : 1;
 }
