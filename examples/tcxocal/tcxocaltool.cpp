@@ -320,7 +320,8 @@ int TcxoCalTool::create(const QString &file, const QCommandLineParser &parser)
         return fail(QStringLiteral("%1 is a directory").arg(file), Failed);
     if (info.exists() && !parser.isSet(QStringLiteral("force")))
         return fail(QStringLiteral("%1 exists; give --force to replace it").arg(file), Failed);
-    if (!QDir().mkpath(info.absolutePath())) {
+    // QDir::mkpath() calls mkdir() even for a directory that exists: a failure there is none.
+    if (!QFileInfo(info.absolutePath()).isDir() && !QDir().mkpath(info.absolutePath())) {
         const QString reason = qt_error_string(errno);
         return fail(QStringLiteral("cannot create the directory %1: mkdir failed: %2").arg(info.absolutePath(), reason),
             Failed);
