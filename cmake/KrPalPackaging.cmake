@@ -1,6 +1,7 @@
-# Debian packages, made with CPack from a build configured for /usr (see the README):
+# Debian packages, made with CPack from a build configured for /usr (see docs/building.md):
 #   libkrpal1     component runtime: libKrPal.so.1, libKrPalDevices.so.1 and libCrosscutting.so.1
-#   libkrpal-dev  component development: headers, CMake package, pkg-config file, .so links
+#   libkrpal-dev  component development: headers, CMake package, pkg-config file, .so links,
+#                 and the API reference when the docs target was built
 #   krpal-tools   component tools, the default one: the demo and the tools
 # Included after every install rule, since CPack takes the components known by then.
 

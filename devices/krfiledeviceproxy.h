@@ -33,20 +33,25 @@ public:
     explicit KrFileDeviceProxy(const QString &path, QObject *parent = nullptr);
     ~KrFileDeviceProxy() override;
 
+    /// The node's path as given, also while the node is missing.
     QString path() const;
+    /// Whether the node is open now; false while it is missing or after it failed.
     bool isOpen() const;
     /// Why the last open or operation failed, naming the node; empty after a good open.
     QString errorString() const;
 
     /// How long write() may wait for room; 1000 ms unless changed.
     void setWriteTimeoutMs(int timeoutMs);
+    /// How long write() may wait for room, in milliseconds.
     int writeTimeoutMs() const;
     /// The bytes that end a reply to ioctl(); "\n" unless changed. Empty: a reply fills the
     /// caller's buffer.
     void setReplyTerminator(const QByteArray &terminator);
+    /// The bytes that end a reply to ioctl().
     QByteArray replyTerminator() const;
     /// The least time between two attempts to open a failed node again; 500 ms unless changed.
     void setReopenIntervalMs(int intervalMs);
+    /// The least time between two attempts to open a failed node again, in milliseconds.
     int reopenIntervalMs() const;
 
     /// Sends every byte before the write deadline: @p size, or -1.
@@ -65,11 +70,12 @@ protected:
     /// which the subclass's constructor calls once its settings are in place.
     KrFileDeviceProxy(const QString &path, bool openNow, QObject *parent);
 
+    /// How a building block ended.
     enum class Io
     {
-        Done,
-        TimedOut,
-        Failed
+        Done, ///< every byte went, or the reply is whole
+        TimedOut, ///< the deadline passed first
+        Failed ///< the node failed or is gone (errorString() says why)
     };
 
     /// Holds the line for one write or one exchange: waits for it at most until the deadline.
@@ -78,16 +84,19 @@ protected:
     class KRPALDEVICES_EXPORT Line
     {
     public:
+        /// What the line is held for.
         enum Use
         {
-            Write,
-            Exchange
+            Write, ///< one write: other writes and exchanges wait
+            Exchange ///< a request and its reply: the input belongs to it as well
         };
+        /// Waits for the line until @p deadline; isHeld() tells whether it came.
         Line(KrFileDeviceProxy &proxy, Use use, QDeadlineTimer deadline);
         ~Line();
         Line(const Line &) = delete;
         Line &operator=(const Line &) = delete;
 
+        /// Whether the line came before the deadline.
         bool isHeld() const { return m_held; }
 
     private:

@@ -17,30 +17,34 @@ class KRPALDEVICES_EXPORT KrSerialDeviceProxy : public KrFileDeviceProxy
 {
     Q_OBJECT
 public:
+    /// The parity bit of each character.
     enum class Parity
     {
-        None,
-        Even,
-        Odd
+        None, ///< no parity bit
+        Even, ///< even parity
+        Odd ///< odd parity
     };
     Q_ENUM(Parity)
+    /// How the two ends pace each other.
     enum class FlowControl
     {
-        None,
-        RtsCts,
-        XonXoff
+        None, ///< no flow control
+        RtsCts, ///< hardware handshake on RTS and CTS
+        XonXoff ///< software handshake with XON (^Q) and XOFF (^S)
     };
     Q_ENUM(FlowControl)
 
     /// RS-485 half duplex, driven by the UART's driver: RTS marks the time the line is sent on.
     struct Rs485
     {
-        bool enabled = false;
-        bool rtsOnSend = true; // RTS high while sending (low when false)
-        quint32 delayBeforeSendMs = 0;
-        quint32 delayAfterSendMs = 0;
+        bool enabled = false; ///< half duplex on
+        bool rtsOnSend = true; ///< RTS high while sending (low when false)
+        quint32 delayBeforeSendMs = 0; ///< RTS set this long before the first bit
+        quint32 delayAfterSendMs = 0; ///< RTS held this long after the last bit
     };
 
+    /// Opens the tty at @p path at @p baudRate, 8 data bits, no parity, 1 stop bit, no flow
+    /// control, exclusively. A tty missing now is looked for again by later operations.
     explicit KrSerialDeviceProxy(const QString &path, qint32 baudRate = 115200, QObject *parent = nullptr);
     ~KrSerialDeviceProxy() override;
 
@@ -49,18 +53,27 @@ public:
     bool setBaudRate(qint32 baudRate);
     /// The rate the driver took, which may differ from the one asked for by up to 3 %.
     qint32 baudRate() const;
+    /// Data bits per character, 5 to 8 (8 unless changed).
     bool setDataBits(int dataBits);
+    /// The data bits per character.
     int dataBits() const;
+    /// The parity (none unless changed).
     bool setParity(Parity parity);
+    /// The parity.
     Parity parity() const;
+    /// Stop bits, 1 or 2 (1 unless changed).
     bool setStopBits(int stopBits);
+    /// The stop bits.
     int stopBits() const;
+    /// The flow control (none unless changed).
     bool setFlowControl(FlowControl flowControl);
+    /// The flow control.
     FlowControl flowControl() const;
     /// Exclusive access (on unless changed): a second open of the tty, from this process or
     /// another, fails as "in use". Held with TIOCEXCL and an advisory flock(), since TIOCEXCL
     /// does not hold against root.
     bool setExclusive(bool exclusive);
+    /// Whether the tty is held exclusively.
     bool isExclusive() const;
     /// Switches RS-485 on or off; a driver without it refuses.
     bool setRs485(const Rs485 &rs485);

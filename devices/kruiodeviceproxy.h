@@ -46,6 +46,7 @@ public:
         const QString &device, int mapIndex, const QString &rootDir, QObject *parent = nullptr);
     ~KrUioDeviceProxy() override;
 
+    /// Whether the device opened and, unless NoMap, its register map is mapped.
     bool isOpen() const;
     /// The last failure: the device and the reason; empty while nothing failed.
     QString errorString() const;

@@ -35,6 +35,8 @@ class KRPAL_EXPORT KrDataCollector : public QObject
 {
     Q_OBJECT
 public:
+    /// Starts the collector thread at once, with the worker parked: a collector that is never
+    /// started still makes one pass (one read of @p deviceProxy) a minute.
     KrDataCollector(KrAbstractDeviceProxy *deviceProxy, quint32 dataBufferSize, QObject *parent = nullptr);
     ~KrDataCollector() override;
 
@@ -44,10 +46,12 @@ public:
     /// parked, after the pass in progress. A start() that came before the worker first parked
     /// leaves a spare wake-up: up to two passes may then still emit after stop() returned.
     bool stop();
+    /// Whether start() was called more recently than stop().
     bool hasStarted() const;
 
     /// Takes effect from the next pass.
     void setDataBufferSize(quint32 bytes);
+    /// The size in bytes of every buffer read and emitted.
     quint32 dataBufferSize() const;
 
 Q_SIGNALS:

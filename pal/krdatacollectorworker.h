@@ -36,6 +36,7 @@ Q_SIGNALS:
     void gotData(const QByteArray &data);
 
 public Q_SLOTS:
+    /// Wakes the worker to poll until stop(); nothing when already polling.
     void start();
     /// Busy-waits until the worker is parked, which takes at most the pass in progress. A
     /// worker that has not parked since a start() before its first park still counts as idle:
@@ -43,9 +44,11 @@ public Q_SLOTS:
     void stop();
     /// The polling loop; returns, and quits the current thread, once abort() was called.
     void run();
+    /// Makes run() return after the pass in progress; the worker cannot run again.
     void abort();
     /// Takes effect from the next pass.
     void setDataBufferSize(uint size);
+    /// The size in bytes of every buffer read and emitted.
     uint dataBufferSize() const;
 
 private:

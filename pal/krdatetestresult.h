@@ -10,8 +10,11 @@ class KRPAL_EXPORT KrDateTestResult : public KrInfoTestResult
 {
     Q_OBJECT
 public:
+    /// As KrInfoTestResult, with its own type.
     KrDateTestResult(const QString &name, const QString &value, const bool &showType);
+    /// Copies the value, the name and the base's state.
     KrDateTestResult(const KrDateTestResult &other);
+    /// Assigns the value, the name and the base's state.
     KrDateTestResult &operator=(const KrDateTestResult &other);
     ~KrDateTestResult() override;
 };

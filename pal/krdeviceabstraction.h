@@ -25,8 +25,8 @@ using CommandFormatters = QHash<quint16, std::function<QByteArray(quint16, const
 /// at most a time-out, so a hung device cannot block it.
 ///
 /// One command at a time: callers must not run write() or doCommand() on the same device
-/// abstraction from two threads at once. A command that times out keeps running to its end;
-/// the next command, and the destructor, wait for it.
+/// abstraction from two threads at once; that is the application's to avoid. A command that
+/// times out keeps running to its end; the next command, and the destructor, wait for it.
 class KRPAL_EXPORT KrDeviceAbstraction : public QObject
 {
     Q_OBJECT
@@ -41,20 +41,28 @@ public:
     ~KrDeviceAbstraction() override;
 
     /// Returns the proxy's write result, 7 when the command is rejected (no proxy, no
-    /// formatter for @p commandId, or no command thread) and -1 after @p timeoutMs.
+    /// formatter for @p commandId, or no command thread) and -1, with status report 70, after
+    /// @p timeoutMs. The time-out ends the wait, not the proxy's write().
     qint64 write(quint16 commandId, QVariant value, quint32 timeoutMs);
     /// As above, with timeoutInMs().
     qint64 write(quint16 commandId, QVariant value);
     /// The proxy's read result, or -1 without proxy.
     qint64 read(char *data, qint64 maxSize);
-    /// One request-and-reply exchange on the caller's thread; -1 when rejected.
+    /// One request-and-reply exchange on the caller's thread: the formatter of @p commandId,
+    /// called with an empty value, makes the request, so a request carries no parameter.
+    /// The proxy's result, or -1 when rejected (no proxy or no formatter).
     virtual qint64 ioctl(quint16 commandId, char *buffer, quint32 size, quint32 timeoutMs);
+    /// A hook for devices that gather data on request (KrPalRoot::collectData()); the base
+    /// does nothing.
     virtual void collectData();
     /// Consulted once for every rejected command; its answer does not change the result.
     virtual bool commandBlacklisted(quint16 commandId);
 
+    /// The time-out of write() without one; 4000 ms until changed.
     void setTimeoutInMs(quint32 timeoutMs);
+    /// The time-out of write() without one.
     quint32 timeoutInMs() const;
+    /// The device key given at construction.
     const QByteArray &id() const;
 
     /// Runs @p job on the command thread and waits at most @p timeoutMs for it: the job's
@@ -68,7 +76,10 @@ public:
     void prepareThread();
 
 Q_SIGNALS:
+    /// The proxy's readyRead(), on the thread that emitted it; nothing else emits it (a
+    /// KrDataCollector emits its own rawDataReady(const QByteArray &)).
     void rawDataReady(const KrDeviceAbstraction &deviceAbstraction);
+    /// The proxy's dataReady(), forwarded.
     void dataReady(const char *data, int size);
 
 private:

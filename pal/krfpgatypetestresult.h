@@ -10,8 +10,11 @@ class KRPAL_EXPORT KrFpgaTypeTestResult : public KrInfoTestResult
 {
     Q_OBJECT
 public:
+    /// As KrInfoTestResult, with its own type.
     KrFpgaTypeTestResult(const QString &name, const QString &value, const bool &showType);
+    /// Copies the value, the name and the base's state.
     KrFpgaTypeTestResult(const KrFpgaTypeTestResult &other);
+    /// Assigns the value, the name and the base's state.
     KrFpgaTypeTestResult &operator=(const KrFpgaTypeTestResult &other);
     ~KrFpgaTypeTestResult() override;
 };

@@ -13,8 +13,11 @@ class KRPAL_EXPORT KrInfoTestResult : public KrSelfTestResult
 {
     Q_OBJECT
 public:
+    /// Renders "name" and "value", without "status".
     KrInfoTestResult(const QString &name, const QString &value, const bool &showType);
+    /// Copies the value with the name and the base's state.
     KrInfoTestResult(const KrInfoTestResult &other);
+    /// Assigns the value with the name and the base's state.
     KrInfoTestResult &operator=(const KrInfoTestResult &other);
     ~KrInfoTestResult() override;
 

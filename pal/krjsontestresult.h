@@ -13,8 +13,11 @@ class KRPAL_EXPORT KrJsonTestResult : public KrAbstractSelfTestResult
 {
     Q_OBJECT
 public:
+    /// Renders @p payload as it is; @p pass is kept for didPass() only.
     KrJsonTestResult(const bool &pass, const QJsonObject &payload, const bool &showType);
+    /// Copies the payload with the base's state.
     KrJsonTestResult(const KrJsonTestResult &other);
+    /// Assigns the payload with the base's state.
     KrJsonTestResult &operator=(const KrJsonTestResult &other);
     ~KrJsonTestResult() override;
 

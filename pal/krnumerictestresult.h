@@ -15,9 +15,13 @@ class KRPAL_EXPORT KrNumericTestResult : public KrSelfTestResult
 {
     Q_OBJECT
 public:
+    /// Renders "expected", "tolerance" and "actual" as text with two decimals beside "name" and
+    /// "status"; @p pass is the caller's verdict.
     KrNumericTestResult(const bool &pass, const QString &name, const double &expected, const double &tolerance,
         const double &actual, const bool &showType);
+    /// Copies the numbers with the name and the base's state.
     KrNumericTestResult(const KrNumericTestResult &other);
+    /// Assigns the numbers with the name and the base's state.
     KrNumericTestResult &operator=(const KrNumericTestResult &other);
     ~KrNumericTestResult() override;
 

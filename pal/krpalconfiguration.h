@@ -19,9 +19,16 @@ class KrPalRoot;
 /// device abstraction class, both built through their invokable constructors, or builds the
 /// device itself in createDeviceAbstraction(), which is asked first.
 ///
-/// The device abstraction class needs an invokable constructor taking
-/// (const QByteArray &, KrAbstractDeviceProxy *, CommandFormatters &), spelled exactly so;
-/// the proxy class one callable with no arguments.
+/// The factory finds constructors by their spelling, so a device abstraction class built by
+/// name declares, inside namespace Pal or after `using Pal::KrAbstractDeviceProxy;` and
+/// `using Pal::CommandFormatters;`,
+/// @code
+/// Q_INVOKABLE MyDevice(const QByteArray &id, KrAbstractDeviceProxy *proxy, CommandFormatters &formatters);
+/// @endcode
+/// and a proxy class `Q_INVOKABLE explicit MyProxy(QObject *parent = nullptr);`. Spelled
+/// `Pal::KrAbstractDeviceProxy *` or `const CommandFormatters &`, the constructor is not
+/// found: the key's device is missing from the root, with status report 50 naming the class
+/// and 51 naming the key.
 class KRPAL_EXPORT KrPalConfiguration
 {
 public:
@@ -30,12 +37,16 @@ public:
 
     /// The command ids that the device under @p id accepts, for the application's own use.
     virtual QList<quint16> commandIds(const QByteArray &id) const;
+    /// The formatters of the device under @p id, passed to its constructor; empty by default.
+    /// ioctl() calls a request's formatter with an empty value.
     virtual CommandFormatters commandFormatters(const QByteArray &id) const;
+    /// The proxy class of the device under @p id (`X::staticMetaObject`); none by default.
     virtual QMetaObject deviceProxy(const QByteArray &id) const;
     /// A device built by hand; an empty pointer lets the library build it from its classes.
     virtual std::shared_ptr<KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const;
     /// The device keys of the board, in the order in which they are built.
     virtual QList<QByteArray> deviceAbstractionIds() const = 0;
+    /// The device class of the device under @p id; none by default.
     virtual QMetaObject deviceAbstraction(const QByteArray &id) const;
 
     /// A new root holding every device that could be built; never null. Each key that yields

@@ -21,6 +21,7 @@ class KRPAL_EXPORT KrPalRoot : public QObject
 {
     Q_OBJECT
 public:
+    /// An empty root; KrPalConfiguration::createPalRoot() builds filled ones.
     explicit KrPalRoot(QObject *parent = nullptr);
     /// Releases the root's reference to every device before the QObject children go.
     ~KrPalRoot() override;

@@ -10,8 +10,11 @@ class KRPAL_EXPORT KrVersionTestResult : public KrInfoTestResult
 {
     Q_OBJECT
 public:
+    /// As KrInfoTestResult, with its own type.
     KrVersionTestResult(const QString &name, const QString &value, const bool &showType);
+    /// Copies the value, the name and the base's state.
     KrVersionTestResult(const KrVersionTestResult &other);
+    /// Assigns the value, the name and the base's state.
     KrVersionTestResult &operator=(const KrVersionTestResult &other);
     ~KrVersionTestResult() override;
 };

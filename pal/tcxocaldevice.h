@@ -36,15 +36,23 @@ public:
     /// The calibration record, one field per key of the file.
     struct TcxoCalFactors
     {
+        /// Tuning DAC value of the factory calibration.
         unsigned int factoryTcxo = 0;
+        /// Board temperature at the factory calibration, in degrees Celsius.
         float factoryTemperature = 0;
+        /// Tuning sensitivity measured at the factory.
         float factoryTuningSensitivity = 0;
+        /// Tuning DAC value of the last field calibration.
         unsigned int fieldTcxo = 0;
+        /// Board temperature at the last field calibration, in degrees Celsius.
         float fieldTemperature = 0;
+        /// Tuning sensitivity at the last field calibration.
         float fieldTuningSensitivity = 0;
         /// Milliseconds since the epoch; as a float it keeps about 7 significant digits.
         float fieldFixTime = 0;
+        /// How long a field calibration stays trusted, as the application defines it.
         float fixDecayTime = 0;
+        /// The reference source shown to the user, as the application defines it.
         float refSourceDisplay = 0;
     };
 
@@ -64,6 +72,7 @@ public:
     /// Records a new field DAC value alone.
     virtual void updateTcxoFieldCal(int dacValue);
 
+    /// The calibration file's path as given at construction.
     QString calibrationFile() const;
 
 protected:

@@ -12,6 +12,7 @@ class KRPAL_EXPORT TcxoCalDummyDevice : public TcxoCalDevice
 {
     Q_OBJECT
 public:
+    /// A device under @p key with the fixed starting record; touches no file.
     explicit TcxoCalDummyDevice(const QByteArray &key);
     ~TcxoCalDummyDevice() override;
 

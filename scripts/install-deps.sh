@@ -5,8 +5,8 @@
 set -euo pipefail
 
 # libfiu (fiu-utils, libfiu-dev) injects the system-call failures of the fault-injection test.
-packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format qtbase5-dev qtpositioning5-dev libbenchmark-dev
-    fiu-utils libfiu-dev)
+packages=(cmake ninja-build g++ pkg-config binutils file dpkg-dev clang-format doxygen qtbase5-dev qtpositioning5-dev
+    libbenchmark-dev fiu-utils libfiu-dev)
 case "${1:-}" in
     # clang and its libFuzzer runtime, for the fuzz build (run-tests.sh --fuzz)
     --fuzz) packages+=(clang libclang-rt-14-dev); shift ;;

@@ -10,12 +10,9 @@ using Pal::KrDeviceAbstraction;
 
 namespace {
 
-const QString configurationFile = QStringLiteral("krpalconfiguration.cpp");
-const QString factoryFunction = QStringLiteral(
-    "std::shared_ptr<Pal::KrDeviceAbstraction> Pal::KrPalConfiguration::createKrDeviceAbstraction(const QByteArray&) "
-    "const");
-const QString addFunction = QStringLiteral(
-    "StatusCode Pal::KrPalRoot::addDeviceAbstraction(const QByteArray&, std::shared_ptr<Pal::KrDeviceAbstraction>)");
+using Pinned::notConstructed;
+using Pinned::unbuilt;
+
 const QMetaObject *const proxyClass = &TestProxy::staticMetaObject;
 const QMetaObject *const deviceClass = &KrDeviceAbstraction::staticMetaObject;
 
@@ -23,18 +20,6 @@ const QMetaObject *const deviceClass = &KrDeviceAbstraction::staticMetaObject;
 QStringList asked(const QString &key, int count = 4)
 {
     return QStringList{"hook:" + key, "proxy:" + key, "device:" + key, "formatters:" + key}.mid(0, count);
-}
-
-Report unbuilt(quint64 line, const QString &className)
-{
-    return {50, configurationFile, line, factoryFunction, {className}};
-}
-
-Report notConstructed(const QString &key)
-{
-    return {51, configurationFile, 40,
-        QStringLiteral("QSharedPointer<Pal::KrPalRoot> Pal::KrPalConfiguration::createPalRoot() const"),
-        {QStringLiteral("creating KrPalRoot"), QStringLiteral("device %1 couldn't be constructed").arg(key)}};
 }
 
 // Records every call of a virtual operation; a null class leaves the base's empty meta-object.
@@ -102,8 +87,8 @@ private Q_SLOTS:
         row("hook builds all", {"adc", "dac"}, asked("adc", 1) + asked("dac", 1), {}, {"adc", "dac"}, proxyClass,
             deviceClass, {"adc", "dac"});
         // Nothing but the hook is asked for an empty key.
-        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"),
-            {{39, configurationFile, 69, factoryFunction, {"deviceAbstractionId"}}, notConstructed("")}, {"a", "b"});
+        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"), {Pinned::emptyKey, notConstructed("")},
+            {"a", "b"});
         // The proxy built for a device that cannot be built is deleted.
         row("device without the three-argument constructor, NUL in key", {QByteArray("ab\0cd", 5)}, asked("ab"),
             {unbuilt(94, "TestProxy"), notConstructed("ab")}, {}, proxyClass, proxyClass);
@@ -112,9 +97,8 @@ private Q_SLOTS:
             {unbuilt(79, "Pal::KrDeviceAbstraction"), notConstructed("a")}, {}, deviceClass);
         row("empty proxy class", {"a"}, asked("a", 2), {unbuilt(79, ""), notConstructed("a")}, {}, nullptr);
         // A device that the root refuses is gone, with its proxy, before createPalRoot returns.
-        row("duplicate key", {"a", "a"}, asked("a") + asked("a"),
-            {{46, "krpalroot.cpp", 25, addFunction, {"KrDeviceAbstraction with key = a", "KrPalRoot"}}}, {"a"});
-        row("NULL", {"NULL"}, asked("NULL"), {{39, "krpalroot.cpp", 30, addFunction, {"key"}}}, {});
+        row("duplicate key", {"a", "a"}, asked("a") + asked("a"), {Pinned::duplicateKey("a")}, {"a"});
+        row("NULL", {"NULL"}, asked("NULL"), {Pinned::reservedKey}, {});
     }
     // A device kept has no parent; one built from its classes has its proxy as its child and its
     // own copy of the formatters. No other proxy survives createPalRoot, and none the root.

@@ -73,20 +73,27 @@ void TestKrPalDemo::jsonRun()
     for (const QJsonValue &step : steps) {
         ids << step["id"].toString();
         QVERIFY2(step["ok"].toBool(), qPrintable(ids.last()));
-        if (!step["statusReports"].toArray().isEmpty())
-            reports[ids.last()] = step["statusReports"];
+        // Where in the library a report comes from is its unit tests' business.
+        QJsonArray stepReports;
+        for (const QJsonValue &report : step["statusReports"].toArray()) {
+            QJsonObject object = report.toObject();
+            object.remove("line");
+            stepReports.append(object);
+        }
+        if (!stepReports.isEmpty())
+            reports[ids.last()] = stepReports;
     }
     QCOMPARE(ids.join(' '),
         "instrument build command request timeout stream tcxo-create tcxo-read tcxo-field self-test gps shutdown");
     QCOMPARE(reports,
-        (QJsonObject{{"command",
-                         QJsonArray{QJsonObject{{"code", 47}, {"meaning", "no device under that key"},
-                             {"file", "krpalroot.cpp"}, {"line", 44},
-                             {"function", "Pal::KrDeviceAbstraction* Pal::KrPalRoot::deviceAbstraction(const char*)"},
-                             {"arguments", QJsonArray{"KrDeviceAbstraction with key = dac KrPalRoot"}}}}},
+        (QJsonObject{
+            {"command",
+                QJsonArray{QJsonObject{{"code", 47}, {"meaning", "no device under that key"}, {"file", "krpalroot.cpp"},
+                    {"function", "Pal::KrDeviceAbstraction* Pal::KrPalRoot::deviceAbstraction(const char*)"},
+                    {"arguments", QJsonArray{"KrDeviceAbstraction with key = dac KrPalRoot"}}}}},
             {"timeout",
                 QJsonArray{QJsonObject{{"code", 70}, {"meaning", "a hardware command timed out"},
-                    {"file", "krdeviceabstraction.cpp"}, {"line", 168},
+                    {"file", "krdeviceabstraction.cpp"},
                     {"function", "qint64 Pal::KrDeviceAbstraction::doCommand(std::function<long long int()>, quint32)"},
                     {"arguments", QJsonArray{" sending a hardware command"}}}}}}));
 

@@ -38,12 +38,10 @@ public:
     void run();
 
     static const QString applicationName;
-    /// How long the front end hangs, and how long the hung command is waited for.
-    static constexpr int hangMs = 800;
-    static constexpr int hungCommandTimeoutMs = 250;
-    static constexpr int busyRequestTimeoutMs = 100;
 
 private:
+    // The steps, in the order run() takes them; each lives in steps/ with its group, and
+    // compares what it sees with the values of expected.h.
     void startInstrument();
     void buildBoard();
     void sendCommand();

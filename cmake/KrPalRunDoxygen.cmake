@@ -1,0 +1,30 @@
+# Runs Doxygen on the configured Doxyfile in DOCS_DIR and shows its warnings; with
+# FAIL_ON_WARNINGS, any warning fails the run. SHOWN_AS=FROM=TO names the files read through
+# the build tree's pal/devices link by their place in the sources.
+cmake_minimum_required(VERSION 3.16)
+
+set(log "${DOCS_DIR}/doxygen-warnings.log")
+file(REMOVE "${log}")
+execute_process(COMMAND "${DOXYGEN}" Doxyfile WORKING_DIRECTORY "${DOCS_DIR}" RESULT_VARIABLE rc)
+if(NOT rc EQUAL 0)
+    message(FATAL_ERROR "doxygen failed (${rc})")
+endif()
+set(warnings "")
+if(EXISTS "${log}")
+    file(READ "${log}" warnings)
+    string(STRIP "${warnings}" warnings)
+endif()
+if(SHOWN_AS MATCHES "^([^=]+)=(.+)$")
+    string(REPLACE "${CMAKE_MATCH_1}" "${CMAKE_MATCH_2}" warnings "${warnings}")
+endif()
+if(warnings STREQUAL "")
+    message(STATUS "API reference without warnings: ${DOCS_DIR}/html/index.html")
+    return()
+endif()
+# One warning a line, unwrapped, so that editors and terminals can follow file:line.
+message(NOTICE "${warnings}")
+if(FAIL_ON_WARNINGS)
+    message(FATAL_ERROR "Doxygen warned (above): document every public class and function")
+else()
+    message(WARNING "Doxygen warned (above); ctest -R api_docs fails on it")
+endif()
