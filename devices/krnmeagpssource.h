@@ -37,6 +37,7 @@ class KRPALDEVICES_EXPORT KrNmeaGpsSource : public QObject
 {
     Q_OBJECT
 public:
+    /// A source with no input yet: no date known, nothing dropped.
     explicit KrNmeaGpsSource(QObject *parent = nullptr);
     ~KrNmeaGpsSource() override;
 
@@ -46,13 +47,17 @@ public:
     quint64 droppedSentences() const;
 
 public Q_SLOTS:
+    /// Takes receiver output in chunks of any size, split anywhere (connectable to
+    /// KrDataCollector::rawDataReady); emits every epoch that the bytes complete.
     void addData(const QByteArray &bytes);
+    /// As above, for a proxy's dataReady: @p data is read during the call only.
     void addData(const char *data, int size);
     /// The input has ended: a last sentence without line end is taken, and the epoch under
     /// way is emitted.
     void flush();
 
 Q_SIGNALS:
+    /// One navigation epoch is complete: its fix, as lastGpsInfo() now gives it.
     void gpsInfoUpdated(const Pal::KrGpsInfo &info);
 
 private:

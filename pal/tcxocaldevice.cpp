@@ -5,11 +5,15 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLoggingCategory>
+#include <QRandomGenerator>
 #include <QRegularExpression>
-#include <QSaveFile>
 #include <QTextStream>
 
+#include <cerrno>
+
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Pal {
@@ -140,34 +144,138 @@ private:
     QRegularExpression m_expressions[FieldCount];
 };
 
-// A renamed file is only durable once its directory entry is.
-void syncDirectoryOf(const QString &path)
+// Failures of a write: the calibration on disk stays the old one, and the warning names the
+// step that failed, so that an application can tell its user what went wrong. A failed write
+// is otherwise silent, so the warnings are off unless the application switches them on
+// ("krpal.tcxocal.warning=true"), as the calibration tool does.
+Q_LOGGING_CATEGORY(lcCalibration, "krpal.tcxocal", QtCriticalMsg)
+
+void writeFailed(const QString &path, const char *step, const QString &reason)
 {
-    const int fd
-        = ::open(QFile::encodeName(QFileInfo(path).absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0)
-        return;
-    ::fsync(fd);
-    ::close(fd);
+    qCWarning(lcCalibration).nospace().noquote()
+        << "Cannot write \"" << path << "\": " << step << " failed: " << reason;
+}
+
+void writeFailed(const QString &path, const char *step, int error)
+{
+    writeFailed(path, step, qt_error_string(error));
+}
+
+// The temporary file of a write lies beside the file as ".<name>.krpal-XXXXXX" (six letters or
+// digits). No reader ever opens such a name, so one left by a writer that was killed or failed
+// is never taken for the calibration; every write removes those of its file first, so that
+// none pile up.
+const QLatin1String temporaryInfix(".krpal-");
+
+QString temporaryPrefix(const QFileInfo &file)
+{
+    return file.absolutePath() + QLatin1String("/.") + file.fileName() + temporaryInfix;
+}
+
+void removeStaleTemporaries(const QFileInfo &file)
+{
+    const QString prefix = QLatin1Char('.') + file.fileName() + temporaryInfix;
+    const QDir directory(file.absolutePath());
+    const QStringList entries = directory.entryList({prefix + QLatin1Char('*')}, QDir::Files | QDir::Hidden);
+    static const QRegularExpression suffix(QStringLiteral("^[A-Za-z0-9]{6}$"));
+    for (const QString &entry : entries) {
+        if (suffix.match(entry.midRef(prefix.size())).hasMatch())
+            ::unlink(QFile::encodeName(directory.filePath(entry)).constData());
+    }
+}
+
+// Opens a new temporary file with mode 0604; -1 with errno set on failure.
+int createTemporary(const QFileInfo &file, QByteArray *name)
+{
+    static const char letters[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    const QByteArray prefix = QFile::encodeName(temporaryPrefix(file));
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        *name = prefix;
+        for (int i = 0; i < 6; ++i)
+            *name += letters[QRandomGenerator::global()->bounded(int(sizeof letters) - 1)];
+        int fd;
+        do
+            fd = ::open(name->constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0604);
+        while (fd < 0 && errno == EINTR);
+        if (fd >= 0 || errno != EEXIST)
+            return fd;
+    }
+    return -1; // GCOVR_EXCL_LINE: only when a hundred random names in a row are taken already
+}
+
+bool writeAll(int fd, const QByteArray &bytes)
+{
+    for (qint64 written = 0; written < bytes.size();) {
+        const ssize_t count = ::write(fd, bytes.constData() + written, size_t(bytes.size() - written));
+        if (count < 0 && errno != EINTR)
+            return false;
+        written += qMax<ssize_t>(count, 0);
+    }
+    return true;
+}
+
+bool syncFile(int fd)
+{
+    int result;
+    do
+        result = ::fsync(fd);
+    while (result != 0 && errno == EINTR);
+    return result == 0;
+}
+
+// Where a write lands: the target of a symbolic link, so that the link stays a link.
+QFileInfo writtenFile(const QString &path)
+{
+    QFileInfo info(path);
+    for (int depth = 0; depth < 40 && info.isSymLink(); ++depth)
+        info = QFileInfo(info.symLinkTarget());
+    return info;
 }
 
 // Replaces the whole file in one step: the text goes to a temporary file beside it, is
-// synced to storage, and is renamed over the file. A power cut, a crash or a full disk
+// synced to storage, and is renamed over the file. A power cut, a crash or any failing step
 // therefore leaves either the old calibration or the new one, never an empty or half-written
-// file. Only where the directory cannot take the temporary file is the file written in place.
+// file; a failure leaves no temporary file either.
 void replaceContent(const QString &path, const QByteArray &bytes)
 {
-    QSaveFile file(path);
-    file.setDirectWriteFallback(true);
-    if (!file.open(QIODevice::WriteOnly))
+    const QFileInfo file = writtenFile(path);
+    removeStaleTemporaries(file);
+    QByteArray temporary;
+    const int fd = createTemporary(file, &temporary);
+    if (fd < 0) {
+        writeFailed(path, "open", errno);
         return;
-    file.setPermissions(calFilePermissions);
-    // Qt 5's commit() renames even when the flush that it does first fails part-way, so
-    // the write is flushed and checked here, and a short one is cancelled.
-    if (file.write(bytes) != bytes.size() || !file.flush())
-        file.cancelWriting();
-    if (file.commit())
-        syncDirectoryOf(path);
+    }
+    // The mode is set on the open file: the umask must not take the others' read access.
+    const char *failedStep = ::fchmod(fd, 0604) != 0 ? "chmod"
+        : !writeAll(fd, bytes)                       ? "write"
+        : !syncFile(fd)                              ? "fsync"
+                                                     : nullptr;
+    int error = errno;
+    // On Linux the descriptor is gone even when close() fails; after a successful fsync only
+    // an interruption is harmless.
+    if (::close(fd) != 0 && !failedStep && errno != EINTR) {
+        failedStep = "close";
+        error = errno;
+    }
+    if (!failedStep && ::rename(temporary.constData(), QFile::encodeName(file.filePath()).constData()) != 0) {
+        failedStep = "rename";
+        error = errno;
+    }
+    if (failedStep) {
+        ::unlink(temporary.constData());
+        writeFailed(path, failedStep, error);
+        return;
+    }
+    // The rename is only durable once the directory is; the new calibration is in place either way.
+    const int directory
+        = ::open(QFile::encodeName(file.absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0 || !syncFile(directory)) {
+        qCWarning(lcCalibration).nospace().noquote()
+            << "Wrote \"" << path << "\" but cannot sync its directory: " << qt_error_string(errno);
+    }
+    if (directory >= 0)
+        ::close(directory);
 }
 
 } // namespace
@@ -186,8 +294,10 @@ TcxoCalDevice::~TcxoCalDevice() = default;
 void TcxoCalDevice::createTcxoCalFile(TcxoCalFactors factors)
 {
     m_fieldTcxo = static_cast<quint16>(factors.fieldTcxo);
-    if (!calDirectoryExists())
+    if (!calDirectoryExists()) {
+        writeFailed(calibrationFile(), "mkdir", errno);
         return;
+    }
     QByteArray bytes;
     {
         // A default stream writes numbers in the C locale whatever the process's locale.
@@ -282,9 +392,15 @@ void TcxoCalDevice::updateTcxoCalFile(int dacValue, std::function<void(QString &
         return;
     QFile file(calibrationFile());
     file.setPermissions(calFilePermissions);
-    if (!file.open(QIODevice::ReadWrite))
+    if (!file.open(QIODevice::ReadWrite)) {
+        writeFailed(calibrationFile(), "open", file.errorString());
         return;
+    }
     const QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError) {
+        writeFailed(calibrationFile(), "read", file.errorString());
+        return;
+    }
     file.close();
     if (bytes.contains('\0')) {
         // Only the text before the NUL byte could be edited: rewriting the file would lose the rest.

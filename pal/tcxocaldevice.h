@@ -22,10 +22,13 @@ inline constexpr char refSourceDisplayKey[] = "REF_SOURCE_DISPLAY=";
 
 /// Keeps the factory and field calibration of the board's TCXO in a text file of KEY=value
 /// lines. Every operation is plain file access on the calling thread; the file is open only
-/// during a call. A write replaces the file as a whole (a synced temporary file renamed over
-/// it), so a power cut or a full disk leaves the old calibration or the new one, never a
-/// partial file, and the file has mode 0604 after every write. Callers must not run a write
-/// at the same time as any other operation on the same file.
+/// during a call. A write replaces the file as a whole (a synced temporary file
+/// ".<name>.krpal-XXXXXX" renamed over it), so a power cut, a crash or a full disk leaves the
+/// old calibration or the new one, never a partial file, and the file has mode 0604 after every
+/// write. A write that fails leaves no temporary file and, where the application has switched
+/// on the warnings of the category "krpal.tcxocal" (off by default), logs one that names the
+/// failed step; a temporary file left by a killed writer is removed by the next write. Callers must not run a write at
+/// the same time as any other operation on the same file.
 class KRPAL_EXPORT TcxoCalDevice : public KrDeviceAbstraction
 {
     Q_OBJECT

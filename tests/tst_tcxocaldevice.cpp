@@ -210,6 +210,18 @@ private Q_SLOTS:
         QCOMPARE(recorder.takeMessages(), QStringList{notFound.arg("REF_SOURCE_DISPLAY=")});
     }
 
+    // A missing DAC key leaves its field as the caller had it; the other eight are read.
+    void missingDacKey()
+    {
+        writeFile(QByteArray(exampleBytes).replace("FACTORY_TCXO=2048\n", ""));
+        Factors factors{};
+        factors.factoryTcxo = 7;
+        QVERIFY(!Pal::TcxoCalDevice("tcxo", path).getTcxoCalFactors(factors));
+        Factors expected = example;
+        expected.factoryTcxo = 7;
+        QCOMPARE(factors, expected);
+    }
+
 private:
     std::unique_ptr<TemporaryWorkingDir> m_workingDir;
 };

@@ -4,16 +4,12 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLoggingCategory>
 #include <QRegularExpression>
-#include <QTemporaryFile>
 
 #include <cerrno>
 #include <cmath>
-#include <cstdio>
-#include <cstring>
-
-#include <fcntl.h>
-#include <unistd.h>
+#include <utility>
 
 using Pal::TcxoCalDevice;
 
@@ -95,13 +91,6 @@ bool parseReal(const QString &name, const QString &text, float *value, QString *
     return false;
 }
 
-// The temporary file beside @p file that create and field work on: hidden, and in the same
-// directory so that the rename over the calibration file stays within one file system.
-QString temporaryTemplate(const QFileInfo &file)
-{
-    return file.absolutePath() + QLatin1String("/.") + file.fileName() + QLatin1String(".XXXXXX");
-}
-
 // The file that a write replaces: a symbolic link's target, so that the link stays a link,
 // as the device itself writes through links.
 QFileInfo replacedFile(const QString &file)
@@ -110,25 +99,49 @@ QFileInfo replacedFile(const QString &file)
     return info.isSymLink() && info.exists() ? QFileInfo(info.canonicalFilePath()) : info;
 }
 
-QStringList linesOf(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'));
-}
-
 QtMessageHandler s_previousHandler = nullptr;
+// The device's warnings about its last write, which it reports in no other way.
+QStringList s_writeWarnings;
 
 // The device's own messages ("Cannot open file", "Did not find value for") say in its terms
 // what the tool says to the user in its own; every other message goes on as Qt prints it.
 void quietDeviceMessages(QtMsgType type, const QMessageLogContext &context, const QString &text)
 {
+    if (qstrcmp(context.category, "krpal.tcxocal") == 0) {
+        s_writeWarnings << text;
+        return;
+    }
     const bool fromDevice = type == QtCriticalMsg
         && (text.startsWith(QLatin1String("Cannot open file")) || text.startsWith(QLatin1String("Did not find value"))
             || text.startsWith(QLatin1String("Not updating file")));
     if (!fromDevice && s_previousHandler)
         s_previousHandler(type, context, text);
+}
+
+// What the device's write of @p file reported, without the file name it begins with.
+QString writeProblem(const QString &file, const QString &warning)
+{
+    for (const QString &prefix :
+        {QStringLiteral("Cannot write \"%1\": ").arg(file), QStringLiteral("Wrote \"%1\" but ").arg(file)}) {
+        if (warning.startsWith(prefix))
+            return warning.mid(prefix.size());
+    }
+    return warning;
+}
+
+// The failed step and its reason, as "<step> failed: <reason>".
+QString failure(const char *step, const QFileDevice &file)
+{
+    return QStringLiteral("%1 failed: %2").arg(QLatin1String(step), file.errorString());
+}
+
+// Library-like reading of the field DAC value: the value run after the first "FIELD_TCXO=".
+bool fieldDacOf(const QByteArray &bytes, int *value)
+{
+    static const QRegularExpression expression(QStringLiteral("FIELD_TCXO=([-\\d.+e]*)"));
+    const QRegularExpressionMatch match = expression.match(QString::fromLatin1(bytes));
+    *value = match.captured(1).toInt();
+    return match.hasMatch();
 }
 
 } // namespace
@@ -138,6 +151,8 @@ TcxoCalTool::TcxoCalTool()
     , m_err(stderr)
 {
     s_previousHandler = qInstallMessageHandler(quietDeviceMessages);
+    // The device names a failed step only in these warnings, which are off by default.
+    QLoggingCategory::setFilterRules(QStringLiteral("krpal.tcxocal.warning=true"));
 }
 
 TcxoCalTool::~TcxoCalTool()
@@ -308,30 +323,24 @@ int TcxoCalTool::create(const QString &file, const QCommandLineParser &parser)
         return fail(QStringLiteral("%1 is a directory").arg(file), Failed);
     if (info.exists() && !parser.isSet(QStringLiteral("force")))
         return fail(QStringLiteral("%1 exists; give --force to replace it").arg(file), Failed);
-    if (!QDir().mkpath(info.absolutePath()))
-        return fail(QStringLiteral("cannot create the directory %1").arg(info.absolutePath()), Failed);
-    QTemporaryFile temporary(temporaryTemplate(info));
-    if (!temporary.open()) {
-        return fail(
-            QStringLiteral("cannot write in the directory %1: %2").arg(info.absolutePath(), temporary.errorString()),
+    // QDir::mkpath() calls mkdir() even for a directory that exists: a failure there is none.
+    if (!QFileInfo(info.absolutePath()).isDir() && !QDir().mkpath(info.absolutePath())) {
+        const QString reason = qt_error_string(errno);
+        return fail(QStringLiteral("cannot create the directory %1: mkdir failed: %2").arg(info.absolutePath(), reason),
             Failed);
     }
-    temporary.close();
-    {
-        TcxoCalDevice device(deviceKey, temporary.fileName());
-        device.createTcxoCalFile(factors);
-        // The device says nothing of a failed write; a file that lost a line shows it.
-        TcxoCalDevice::TcxoCalFactors written;
-        if (!device.getTcxoCalFactors(written))
-            return fail(QStringLiteral("could not write the calibration in %1").arg(info.absolutePath()), Failed);
-    }
-    if (!replace(temporary.fileName(), info.filePath()))
+    TcxoCalDevice device(deviceKey, file);
+    device.createTcxoCalFile(factors);
+    if (!written(file))
         return Failed;
-    temporary.setAutoRemove(false);
     m_out << "created " << file << ":\n";
-    const QStringList lines = linesOf(file);
-    for (const QString &line : lines)
-        m_out << line << '\n';
+    QByteArray bytes;
+    QString problem;
+    if (!readFile(file, &bytes, &problem)) {
+        m_out << "(cannot read it back: " << problem << ")\n";
+        return Done;
+    }
+    m_out << bytes << '\n';
     return Done;
 }
 
@@ -357,51 +366,76 @@ int TcxoCalTool::field(const QString &file, const QString &dac, const QCommandLi
 
     if (!checkReadable(file))
         return Failed;
-    QFile original(file);
-    if (!original.open(QIODevice::ReadOnly))
-        return fail(QStringLiteral("cannot read %1: %2").arg(file, original.errorString()), Failed);
-    const QByteArray bytes = original.readAll();
-    original.close();
+    QByteArray bytes;
+    QString problem;
+    if (!readFile(file, &bytes, &problem))
+        return fail(QStringLiteral("cannot read %1: %2").arg(file, problem), Failed);
     if (bytes.contains('\0'))
         return fail(QStringLiteral("%1 holds a NUL byte; it is not rewritten").arg(file), Failed);
-
-    const QFileInfo info = replacedFile(file);
-    QTemporaryFile temporary(temporaryTemplate(info));
-    if (!temporary.open() || temporary.write(bytes) != bytes.size() || !temporary.flush()) {
-        return fail(
-            QStringLiteral("cannot write in the directory %1: %2").arg(info.absolutePath(), temporary.errorString()),
-            Failed);
-    }
-    temporary.close();
-    {
-        TcxoCalDevice device(deviceKey, temporary.fileName());
-        if (device.getValue(QLatin1String(Pal::fieldTcxoKey), false).isNull())
-            return fail(QStringLiteral("%1 has no FIELD_TCXO= line; nothing to update").arg(file), Failed);
-        if (withTemperature)
-            device.updateTcxoFieldCal(dacValue, temperature, sensitivity);
-        else
-            device.updateTcxoFieldCal(dacValue);
-        if (device.getValue(QLatin1String(Pal::fieldTcxoKey), false) != QString::number(dacValue))
-            return fail(QStringLiteral("could not write the calibration in %1").arg(info.absolutePath()), Failed);
-    }
-    const QStringList before = QString::fromUtf8(bytes).split(QLatin1Char('\n'));
-    const QStringList after = linesOf(temporary.fileName());
-    if (after == before) {
+    int fileDac = 0;
+    if (!fieldDacOf(bytes, &fileDac))
+        return fail(QStringLiteral("%1 has no FIELD_TCXO= line; nothing to update").arg(file), Failed);
+    if (fileDac == dacValue) {
         m_out << "FIELD_TCXO is already " << dacValue << " in " << file << "; the file is left as it was";
         if (withTemperature)
             m_out << ", as temperature and sensitivity are recorded only with a new DAC value";
         m_out << '\n';
         return Done;
     }
-    if (!replace(temporary.fileName(), info.filePath()))
+
+    TcxoCalDevice device(deviceKey, file);
+    if (withTemperature)
+        device.updateTcxoFieldCal(dacValue, temperature, sensitivity);
+    else
+        device.updateTcxoFieldCal(dacValue);
+    if (!written(file))
         return Failed;
-    temporary.setAutoRemove(false);
+    QByteArray afterBytes;
+    if (!readFile(file, &afterBytes, &problem)) {
+        m_out << "updated " << file << " (cannot read it back: " << problem << ")\n";
+        return Done;
+    }
+    const QStringList before = QString::fromUtf8(bytes).split(QLatin1Char('\n'));
+    const QStringList after = QString::fromUtf8(afterBytes).split(QLatin1Char('\n'));
     for (int i = 0; i < qMin(before.size(), after.size()); ++i) {
         if (before[i] != after[i])
             m_out << before[i] << "  ->  " << after[i] << '\n';
     }
     m_out << "updated " << file << '\n';
     return Done;
+}
+
+bool TcxoCalTool::written(const QString &file)
+{
+    const QStringList warnings = std::exchange(s_writeWarnings, {});
+    for (const QString &warning : warnings) {
+        if (warning.startsWith(QLatin1String("Cannot write"))) {
+            fail(QStringLiteral("cannot write %1: %2; the file is left as it was")
+                     .arg(file, writeProblem(file, warning)),
+                Failed);
+            return false;
+        }
+    }
+    // The calibration is replaced, but a power cut may still take the change back.
+    for (const QString &warning : warnings)
+        m_err << "krpal-tcxocal: warning: " << file << " was written, but " << writeProblem(file, warning) << '\n';
+    m_err.flush();
+    return true;
+}
+
+bool TcxoCalTool::readFile(const QString &file, QByteArray *bytes, QString *problem)
+{
+    QFile in(file);
+    if (!in.open(QIODevice::ReadOnly)) {
+        *problem = failure("open", in);
+        return false;
+    }
+    *bytes = in.readAll();
+    if (in.error() != QFileDevice::NoError) {
+        *problem = failure("read", in);
+        return false;
+    }
+    return true;
 }
 
 bool TcxoCalTool::checkReadable(const QString &file)
@@ -416,22 +450,6 @@ bool TcxoCalTool::checkReadable(const QString &file)
     else
         return true;
     return false;
-}
-
-bool TcxoCalTool::replace(const QString &from, const QString &to)
-{
-    if (::rename(QFile::encodeName(from).constData(), QFile::encodeName(to).constData()) != 0) {
-        fail(QStringLiteral("cannot replace %1: %2").arg(to, QString::fromLocal8Bit(std::strerror(errno))), Failed);
-        return false;
-    }
-    // The rename itself reaches the disk with the directory.
-    const int directory
-        = ::open(QFile::encodeName(QFileInfo(to).absolutePath()).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (directory >= 0) {
-        ::fsync(directory);
-        ::close(directory);
-    }
-    return true;
 }
 
 int TcxoCalTool::fail(const QString &message, ExitStatus status)

@@ -15,9 +15,10 @@ class QCommandLineParser;
 /// the nine), keeps the device's messages out of the user's way, and says in its own words
 /// what went wrong.
 ///
-/// A file is never left half written: create and field work on a temporary file in the same
-/// directory, check it, and rename it over the calibration file, which the file system does
-/// in one step. A crash leaves the old file whole, at worst beside a hidden temporary one.
+/// A file is never left half written: the device replaces it in one step (a synced temporary
+/// file renamed over it). The device reports a failed write only as a warning in its logging
+/// category, which the tool turns into its own message, naming the step that failed, and exit
+/// status 1; the file is then the old one.
 class TcxoCalTool
 {
 public:
@@ -42,8 +43,10 @@ private:
 
     // Whether @p file is a regular file that can be read; says why not otherwise.
     bool checkReadable(const QString &file);
-    // Renames @p from over @p to and makes the rename durable; says why not otherwise.
-    bool replace(const QString &from, const QString &to);
+    // Whether the device's last write of @p file replaced it; says why not otherwise.
+    bool written(const QString &file);
+    // The whole content of @p file, or the failed step and its reason in @p problem.
+    static bool readFile(const QString &file, QByteArray *bytes, QString *problem);
     void printRecord(const Pal::TcxoCalDevice &device);
     int fail(const QString &message, ExitStatus status);
 
