@@ -5,10 +5,6 @@
 
 #include <QFile>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-#include <QTest>
-
-#include <memory>
 
 using Pal::KrSerialDeviceProxy;
 

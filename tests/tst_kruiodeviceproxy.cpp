@@ -6,8 +6,6 @@
 
 #include <QDir>
 #include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTest>
 #include <QtEndian>
 
 #include <condition_variable>
@@ -162,15 +160,12 @@ private Q_SLOTS:
         QSignalSpy readyRead(&proxy, &KrUioDeviceProxy::readyRead);
         QVERIFY(interrupt(12) && readyRead.wait(1000));
         QCOMPARE(pty.receive(4), enable);
-        QCOMPARE(proxy.read(count, 8), 4);
-        QCOMPARE(QByteArray(count, 8), QByteArray::fromHex("0c00000000000000"));
-        QCOMPARE(proxy.read(count, 8), 0);
 
         Pal::KrDataCollector collector(&proxy, 6, nullptr);
         // By name and direct, as the collector tests do: seen by the thread sanitizer.
         connect(&collector, SIGNAL(rawDataReady(QByteArray)), this, SLOT(record(QByteArray)), Qt::DirectConnection);
         collector.start();
-        QList<QByteArray> expected;
+        QList<QByteArray> expected{QByteArray::fromHex("0c0000000000")}; // taken by the collector
         for (const char *bytes : {"0d0000000000", "030201000000"}) {
             expected.append(QByteArray::fromHex(bytes));
             QVERIFY(interrupt(qFromLittleEndian<quint32>(expected.last().constData())));
