@@ -18,7 +18,7 @@
 #include <unistd.h>
 
 /// A pseudo-terminal whose master the test plays, as the device on a UART would; @p raw sets the
-/// line raw, for proxies that leave it as they find it.
+/// line raw, for proxies that leave it as they find it; else cooked, without echo.
 struct PtyPair
 {
     explicit PtyPair(bool raw = false)
@@ -29,8 +29,8 @@ struct PtyPair
         if (master < 0 || ::grantpt(master) < 0 || ::unlockpt(master) < 0 || ::ptsname_r(master, name, sizeof name))
             return;
         slavePath = QString::fromLocal8Bit(name);
-        if (raw && ::tcgetattr(master, &line) == 0) {
-            ::cfmakeraw(&line);
+        if (::tcgetattr(master, &line) == 0) {
+            raw ? ::cfmakeraw(&line) : void(line.c_lflag &= ~tcflag_t(ECHO));
             ::tcsetattr(master, TCSANOW, &line);
         }
     }
