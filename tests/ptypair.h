@@ -3,69 +3,68 @@
 #include <QByteArray>
 #include <QDeadlineTimer>
 #include <QString>
+#include <QTemporaryDir>
+#include <QTest>
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
+#include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
-/// A pseudo-terminal whose far end, the master, the test plays, as the device on a UART would.
-class PtyPair
+/// A pseudo-terminal whose master the test plays, as the device on a UART would; @p raw sets the
+/// line raw, for proxies that leave it as they find it; else cooked, without echo.
+struct PtyPair
 {
-public:
-    /// @p raw puts the line into raw mode from the master's side, for proxies that leave the
-    /// line as they find it.
     explicit PtyPair(bool raw = false)
+        : master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
     {
-        master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
         char name[128];
+        termios line;
         if (master < 0 || ::grantpt(master) < 0 || ::unlockpt(master) < 0 || ::ptsname_r(master, name, sizeof name))
             return;
         slavePath = QString::fromLocal8Bit(name);
-        termios line;
-        if (raw && ::tcgetattr(master, &line) == 0) {
-            ::cfmakeraw(&line);
+        if (::tcgetattr(master, &line) == 0) {
+            raw ? ::cfmakeraw(&line) : void(line.c_lflag &= ~tcflag_t(ECHO));
             ::tcsetattr(master, TCSANOW, &line);
         }
     }
     ~PtyPair() { closeMaster(); }
-    PtyPair(const PtyPair &) = delete;
-    PtyPair &operator=(const PtyPair &) = delete;
+    Q_DISABLE_COPY(PtyPair)
 
     void closeMaster()
     {
         if (master >= 0)
-            ::close(master);
-        master = -1;
+            ::close(std::exchange(master, -1));
     }
 // GCC 12 takes the empty QByteArray's shared data for the written region.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wstringop-overread"
     bool send(const QByteArray &bytes) const
     {
-        return bytes.isEmpty() || ::write(master, bytes.constData(), size_t(bytes.size())) == bytes.size();
+        return ::write(master, bytes.constData(), size_t(bytes.size())) == bytes.size();
     }
 #pragma GCC diagnostic pop
-    /// Reads until @p count bytes came, or until @p ending came, within @p timeoutMs;
-    /// @p chunk bytes at a time.
+    /// Reads until @p count bytes or @p ending came, within @p timeoutMs; @p chunk bytes at a time.
     QByteArray receive(int count, const QByteArray &ending = {}, int timeoutMs = 5000, int chunk = 4096) const
     {
         QByteArray bytes;
-        const QDeadlineTimer deadline(timeoutMs);
-        while (bytes.size() < count && (ending.isEmpty() || !bytes.endsWith(ending))) {
+        char buffer[4096];
+        for (const QDeadlineTimer deadline(timeoutMs);
+             bytes.size() < count && (ending.isEmpty() || !bytes.endsWith(ending));) {
             pollfd entry{master, POLLIN, 0};
             if (::poll(&entry, 1, int(qMax<qint64>(0, deadline.remainingTime()))) <= 0)
                 break;
-            char buffer[4096];
             const ssize_t got
                 = ::read(master, buffer, size_t(qMin(chunk, ending.isEmpty() ? count - bytes.size() : 1)));
             if (got <= 0 && errno != EINTR && errno != EAGAIN)
                 break;
-            if (got > 0)
-                bytes.append(buffer, int(got));
+            bytes.append(buffer, int(qMax<ssize_t>(0, got)));
         }
         return bytes;
     }
@@ -92,9 +91,8 @@ QByteArray collect(Proxy &proxy, int count)
 /// Every byte value four times over: CR, LF, ^C, ^S and ^Q among them.
 inline QByteArray allByteValues()
 {
-    QByteArray bytes;
-    for (int round = 0; round < 4; ++round)
-        for (int value = 0; value < 256; ++value)
-            bytes.append(char(value));
+    QByteArray bytes(1024, Qt::Uninitialized);
+    for (int i = 0; i < bytes.size(); ++i)
+        bytes[i] = char(i);
     return bytes;
 }
