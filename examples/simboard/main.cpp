@@ -8,7 +8,6 @@
 #include <QCoreApplication>
 #include <QJsonDocument>
 
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -65,9 +64,6 @@ int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("krpal-demo"));
-    // A write to a line whose far end has gone must fail, as on a serial line, rather than
-    // end the process: the simulated lines are sockets.
-    std::signal(SIGPIPE, SIG_IGN);
 
     QCommandLineParser parser;
     parser.setApplicationDescription(
