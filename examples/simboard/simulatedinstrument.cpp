@@ -181,10 +181,22 @@ void SimulatedInstrument::hangFrontEnd(int milliseconds)
     wake();
 }
 
+// Copied element by element: the instrument's own list is never shared, so that its next
+// append, on the instrument's thread, never races with a copy's release on the caller's.
+template<typename T>
+QList<T> unsharedCopy(const QList<T> &list)
+{
+    QList<T> copy;
+    copy.reserve(list.size());
+    for (const T &item : list)
+        copy.append(item);
+    return copy;
+}
+
 QList<SimulatedInstrument::Received> SimulatedInstrument::frontEndLines() const
 {
     const std::lock_guard<std::mutex> lock(m_linesMutex);
-    return m_frontEndLines;
+    return unsharedCopy(m_frontEndLines);
 }
 
 quint64 SimulatedInstrument::samplesSent() const
