@@ -26,7 +26,7 @@ endif()
 function(krpal_set_target_defaults target)
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wnon-virtual-dtor -Woverloaded-virtual -Werror)
     target_compile_definitions(${target} PRIVATE
-        QT_DISABLE_DEPRECATED_BEFORE=0x050F00
+        QT_DISABLE_DEPRECATED_BEFORE=${KRPAL_QT_DISABLE_DEPRECATED_BEFORE}
         QT_NO_CAST_TO_ASCII
         QT_NO_FOREACH
         QT_USE_QSTRINGBUILDER)
@@ -42,4 +42,24 @@ function(krpal_set_library_defaults target)
     if(NOT (KRPAL_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "Clang"))
         target_link_options(${target} PRIVATE -Wl,--no-undefined)
     endif()
+endfunction()
+
+# Fails the configuration when a program or library of the project was added without
+# krpal_set_target_defaults(): it would compile without the deprecation limit and warnings.
+function(krpal_check_target_defaults directory)
+    get_property(targets DIRECTORY "${directory}" PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target IN LISTS targets)
+        get_target_property(type ${target} TYPE)
+        if(NOT type MATCHES "^(EXECUTABLE|SHARED_LIBRARY|STATIC_LIBRARY|MODULE_LIBRARY|OBJECT_LIBRARY)$")
+            continue()
+        endif()
+        get_target_property(definitions ${target} COMPILE_DEFINITIONS)
+        if(NOT "QT_DISABLE_DEPRECATED_BEFORE=${KRPAL_QT_DISABLE_DEPRECATED_BEFORE}" IN_LIST definitions)
+            message(FATAL_ERROR "${target} (${directory}) lacks the project's settings: call krpal_set_target_defaults(${target})")
+        endif()
+    endforeach()
+    get_property(subdirectories DIRECTORY "${directory}" PROPERTY SUBDIRECTORIES)
+    foreach(subdirectory IN LISTS subdirectories)
+        krpal_check_target_defaults("${subdirectory}")
+    endforeach()
 endfunction()

@@ -12,16 +12,20 @@ const char createKrDeviceAbstractionFunction[] = "std::shared_ptr<Pal::KrDeviceA
                                                  "Pal::KrPalConfiguration::createKrDeviceAbstraction(const "
                                                  "QByteArray&) const";
 
-// The base's meta-objects are all null fields; Qt's newInstance() and className() would read
-// through them, so such a class counts as one that cannot be constructed.
-bool isEmpty(const QMetaObject &metaObject)
+// Only a QObject class can be built into a proxy or a device. Qt's newInstance() and
+// className() would read through the null fields of the base's empty meta-object, and Qt's
+// public interface tells that one apart from other meta-objects only by their superclass:
+// newInstance() is asked only of classes derived from QObject (QObject itself has no
+// invokable constructor), and a class name only of meta-objects that have a superclass. So
+// QObject's own meta-object is reported like the empty one, and a gadget's never built.
+bool isConstructible(const QMetaObject &metaObject)
 {
-    return !metaObject.d.stringdata || !metaObject.d.data;
+    return metaObject.inherits(&QObject::staticMetaObject);
 }
 
 QString className(const QMetaObject &metaObject)
 {
-    return isEmpty(metaObject) ? QString() : Internal::fromEightBit(metaObject.className());
+    return metaObject.superClass() ? Internal::fromEightBit(metaObject.className()) : QString();
 }
 } // namespace
 
@@ -90,7 +94,7 @@ std::shared_ptr<KrDeviceAbstraction> KrPalConfiguration::createKrDeviceAbstracti
     }
 
     const QMetaObject proxyClass = deviceProxy(deviceAbstractionId);
-    std::unique_ptr<QObject> proxyObject(isEmpty(proxyClass) ? nullptr : proxyClass.newInstance());
+    std::unique_ptr<QObject> proxyObject(isConstructible(proxyClass) ? proxyClass.newInstance() : nullptr);
     if (!proxyObject) {
         Internal::reportStatus(50, __FILE__, 79, createKrDeviceAbstractionFunction, {className(proxyClass)});
         return {};
@@ -102,10 +106,10 @@ std::shared_ptr<KrDeviceAbstraction> KrPalConfiguration::createKrDeviceAbstracti
     const QMetaObject deviceClass = deviceAbstraction(deviceAbstractionId);
     // The device copies the formatters: this local copy dies when the factory returns.
     CommandFormatters formatters = commandFormatters(deviceAbstractionId);
-    QObject *deviceObject = isEmpty(deviceClass)
-        ? nullptr
-        : deviceClass.newInstance(QGenericArgument("const QByteArray&", &deviceAbstractionId),
-            QGenericArgument("KrAbstractDeviceProxy*", &proxy), QGenericArgument("CommandFormatters&", &formatters));
+    QObject *deviceObject = isConstructible(deviceClass)
+        ? deviceClass.newInstance(QGenericArgument("const QByteArray&", &deviceAbstractionId),
+            QGenericArgument("KrAbstractDeviceProxy*", &proxy), QGenericArgument("CommandFormatters&", &formatters))
+        : nullptr;
     // The configuration promises a device abstraction class; its object is taken as one.
     std::shared_ptr<KrDeviceAbstraction> device(static_cast<KrDeviceAbstraction *>(deviceObject));
     if (!device) {

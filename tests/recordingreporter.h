@@ -43,3 +43,53 @@ private:
     QList<Report> m_reports;
     StatusCode m_result;
 };
+
+/// The reports that the library makes, as the reporter receives them: the one table that tests
+/// compare against.
+namespace Pinned {
+
+const QString addFunction = QStringLiteral(
+    "StatusCode Pal::KrPalRoot::addDeviceAbstraction(const QByteArray&, std::shared_ptr<Pal::KrDeviceAbstraction>)");
+const QString factoryFunction = QStringLiteral(
+    "std::shared_ptr<Pal::KrDeviceAbstraction> Pal::KrPalConfiguration::createKrDeviceAbstraction(const QByteArray&) "
+    "const");
+
+const Report timeout{70, QStringLiteral("krdeviceabstraction.cpp"), 168,
+    QStringLiteral("qint64 Pal::KrDeviceAbstraction::doCommand(std::function<long long int()>, quint32)"),
+    {QStringLiteral(" sending a hardware command")}};
+const Report readFailed{44, QStringLiteral("krdatacollectorworker.cpp"), 98,
+    QStringLiteral("void Pal::KrDataCollectorWorker::run()"), {QStringLiteral("the device proxy")}};
+const Report reservedKey{39, QStringLiteral("krpalroot.cpp"), 30, addFunction, {QStringLiteral("key")}};
+const Report emptyKey{
+    39, QStringLiteral("krpalconfiguration.cpp"), 69, factoryFunction, {QStringLiteral("deviceAbstractionId")}};
+
+inline Report duplicateKey(const QString &key)
+{
+    return {46, QStringLiteral("krpalroot.cpp"), 25, addFunction,
+        {QStringLiteral("KrDeviceAbstraction with key = ") + key, QStringLiteral("KrPalRoot")}};
+}
+inline Report unknownKey(const QString &key)
+{
+    return {47, QStringLiteral("krpalroot.cpp"), 44,
+        QStringLiteral("Pal::KrDeviceAbstraction* Pal::KrPalRoot::deviceAbstraction(const char*)"),
+        {QStringLiteral("KrDeviceAbstraction with key = %1 KrPalRoot").arg(key)}};
+}
+inline Report unknownCollectKey(const QString &key)
+{
+    return {47, QStringLiteral("krpalroot.cpp"), 74,
+        QStringLiteral("void Pal::KrPalRoot::collectData(const char*) const"),
+        {QStringLiteral("Device ID ") + key, QStringLiteral("KrPalRoot")}};
+}
+// A class that the factory could not instantiate, reported from @p line (proxy or device).
+inline Report unbuilt(quint64 line, const QString &className)
+{
+    return {50, QStringLiteral("krpalconfiguration.cpp"), line, factoryFunction, {className}};
+}
+inline Report notConstructed(const QString &key)
+{
+    return {51, QStringLiteral("krpalconfiguration.cpp"), 40,
+        QStringLiteral("QSharedPointer<Pal::KrPalRoot> Pal::KrPalConfiguration::createPalRoot() const"),
+        {QStringLiteral("creating KrPalRoot"), QStringLiteral("device %1 couldn't be constructed").arg(key)}};
+}
+
+} // namespace Pinned

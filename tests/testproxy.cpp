@@ -2,6 +2,8 @@
 
 #include <QThread>
 
+#include <cstring>
+
 std::atomic<int> TestProxy::s_constructed{0};
 std::atomic<int> TestProxy::s_destroyed{0};
 
@@ -13,8 +15,8 @@ TestProxy::TestProxy(QObject *parent)
 
 TestProxy::~TestProxy()
 {
-    // A proxy destroyed under a running write would be a use after free in the library.
-    Q_ASSERT(m_writesInProgress.load() == 0);
+    // A proxy destroyed under a running call would be a use after free in the library.
+    Q_ASSERT(m_writesInProgress.load() == 0 && m_readsInProgress.load() == 0);
     ++s_destroyed;
 }
 
@@ -34,7 +36,25 @@ qint64 TestProxy::write(const char *data, qint64 size)
 
 qint64 TestProxy::read(char *data, qint64 maxSize)
 {
-    return onRead ? onRead(data, maxSize) : 0;
+    ++m_readsInProgress;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    const int index = m_reads.size();
+    m_reads.append({QByteArray(), QThread::currentThreadId(), nullptr, quint32(maxSize)});
+    m_changed.notify_all();
+    if (index == 0)
+        m_changed.wait_for(lock, std::chrono::milliseconds(holdMs), [this] { return m_released; });
+    qint64 result = 0;
+    if (onRead) {
+        result = onRead(data, maxSize);
+    } else {
+        const Answer answer = script.value(index, later);
+        std::memcpy(data, answer.second.constData(), size_t(qMin(qint64(answer.second.size()), maxSize)));
+        result = answer.first;
+    }
+    m_reads[index].bytes = QByteArray(data, int(maxSize));
+    m_reads[index].result = result;
+    --m_readsInProgress;
+    return result;
 }
 
 qint64 TestProxy::ioctl(char *request, int requestSize, char *reply, quint32 replySize, quint32 timeoutMs)
@@ -47,14 +67,22 @@ qint64 TestProxy::ioctl(char *request, int requestSize, char *reply, quint32 rep
     return onIoctl ? onIoctl(bytes) : requestSize;
 }
 
-QList<TestProxy::Call> TestProxy::writes() const
+bool TestProxy::waitForReads(int count)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_writes;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::seconds(5), [this, count] { return m_reads.size() >= count; });
 }
 
-QList<TestProxy::Call> TestProxy::ioctls() const
+void TestProxy::release()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_ioctls;
+    m_released = true;
+    m_changed.notify_all();
+}
+
+void TestProxy::record(const QByteArray &data)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_emitted.append(data);
+    m_emittedOn.append(QThread::currentThreadId());
 }

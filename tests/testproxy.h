@@ -4,13 +4,17 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QPair>
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 
-/// A scriptable device proxy for tests. Every call is recorded with the thread it came on;
-/// behaviour is set through the on* handlers, which run on the calling thread.
+/// The scriptable device proxy of every test. Each call is recorded with the thread it came on.
+/// Writes and ioctls answer through the on* handlers, on the calling thread. Reads answer from a
+/// script, or through onRead when set; the first read can be held until release() or holdMs. The
+/// proxy also records, as a receiver connected directly, the buffers that a collector emits.
 class TestProxy : public Pal::KrAbstractDeviceProxy
 {
     Q_OBJECT
@@ -24,33 +28,63 @@ public:
 
     struct Call
     {
-        QByteArray bytes;
+        QByteArray bytes; // written, asked, or the whole buffer after a read
         Qt::HANDLE thread = nullptr;
         char *reply = nullptr;
-        quint32 replySize = 0;
+        quint32 size = 0; // of the reply or the read buffer
         quint32 timeoutMs = 0;
+        qint64 result = 0;
     };
-    QList<Call> writes() const;
-    QList<Call> ioctls() const;
+    QList<Call> writes() const { return locked(m_writes); }
+    QList<Call> ioctls() const { return locked(m_ioctls); }
+    QList<Call> reads() const { return locked(m_reads); }
+    QList<QByteArray> emitted() const { return locked(m_emitted); }
+    QList<Qt::HANDLE> emittedOn() const { return locked(m_emittedOn); }
     int writeCount() const { return m_writeCount.load(); }
     int maxConcurrentWrites() const { return m_maxConcurrentWrites.load(); }
-    bool writeInProgress() const { return m_writesInProgress.load() > 0; }
+    bool readInProgress() const { return m_readsInProgress.load() > 0; }
+    bool waitForReads(int count);
+    void release();
 
     void emitReadyRead() { Q_EMIT readyRead(); }
     void emitDataReady(const char *data, int size) { Q_EMIT dataReady(data, size); }
 
+    using Answer = QPair<qint64, QByteArray>; // result, and the bytes put into the buffer
+    QList<Answer> script; // read i answers script[i], every later read answers later
+    Answer later{0, QByteArray()};
+    int holdMs = 0;
     std::function<qint64(const QByteArray &)> onWrite; // default: returns size
-    std::function<qint64(char *, qint64)> onRead; // default: returns 0
+    std::function<qint64(char *, qint64)> onRead;
     std::function<qint64(const QByteArray &)> onIoctl; // default: returns request size
 
     static std::atomic<int> s_constructed;
     static std::atomic<int> s_destroyed;
 
+public Q_SLOTS:
+    void record(const QByteArray &data);
+
 private:
+    // Detached under the lock: a shared copy released later would race with the appends of the
+    // proxy's callers, as Qt 5 checks sharing with a relaxed load.
+    template<typename T>
+    QList<T> locked(const QList<T> &list) const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        QList<T> copy = list;
+        copy.detach();
+        return copy;
+    }
+
     mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
     QList<Call> m_writes;
     QList<Call> m_ioctls;
+    QList<Call> m_reads;
+    QList<QByteArray> m_emitted;
+    QList<Qt::HANDLE> m_emittedOn;
+    bool m_released = false;
     std::atomic<int> m_writeCount{0};
     std::atomic<int> m_writesInProgress{0};
+    std::atomic<int> m_readsInProgress{0};
     std::atomic<int> m_maxConcurrentWrites{0};
 };

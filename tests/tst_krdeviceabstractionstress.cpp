@@ -20,10 +20,6 @@ namespace {
 
 constexpr int commandCount = 300;
 
-const Report timeoutReport{70, QStringLiteral("krdeviceabstraction.cpp"), 168,
-    QStringLiteral("qint64 Pal::KrDeviceAbstraction::doCommand(std::function<long long int()>, quint32)"),
-    {QStringLiteral(" sending a hardware command")}};
-
 CommandFormatters echoFormatters()
 {
     return {{1, [](quint16 id, const QVariant &value) -> QByteArray {
@@ -114,7 +110,7 @@ private Q_SLOTS:
             written << call.bytes;
         QCOMPARE(written, sent);
         QCOMPARE(proxy->maxConcurrentWrites(), 1);
-        QCOMPARE(reporter.reports(), QVector<Report>(timedOut, timeoutReport).toList());
+        QCOMPARE(reporter.reports(), QVector<Report>(timedOut, Pinned::timeout).toList());
         QVERIFY(timedOut >= commandCount / 2);
         qInfo("%d commands, %d hung, %d timed out", commandCount + 1, commandCount / 2, timedOut);
     }
@@ -141,7 +137,7 @@ private Q_SLOTS:
             QCOMPARE(TestProxy::s_destroyed.load(), proxiesDestroyed + 1);
             QCOMPARE(writes.stuck.load(), 0);
         }
-        QCOMPARE(reporter.reports(), QVector<Report>(rounds, timeoutReport).toList());
+        QCOMPARE(reporter.reports(), QVector<Report>(rounds, Pinned::timeout).toList());
     }
 };
 

@@ -15,7 +15,7 @@
 #include <memory>
 #include <vector>
 
-using Pal::KrPalApplicationManager;
+using Manager = Pal::KrPalApplicationManager;
 using Pal::KrPalRoot;
 
 namespace {
@@ -24,66 +24,55 @@ constexpr int threadCount = 8;
 constexpr int operationsPerThread = 25000;
 const QStringList sharedNames{"a", "b", "c", "d"};
 
-// Set while this thread is inside add() or remove(): a root destroyed then was destroyed by
-// the registry, under its lock.
+// Set while this thread is inside add() or remove(): a root destroyed then was destroyed by the registry.
 thread_local bool t_changingRegistry = false;
+std::atomic<int> s_created{0};
+std::atomic<int> s_destroyedInRegistry{0};
+std::atomic<int> s_destroyedElsewhere{0};
 
 // A device that knows whether it is alive and where it was destroyed.
 class TrackedDevice : public Pal::KrDeviceAbstraction
 {
     Q_OBJECT
 public:
-    explicit TrackedDevice(const QByteArray &id)
-        : KrDeviceAbstraction(id, nullptr)
-    {
-        ++s_created;
-    }
+    using KrDeviceAbstraction::KrDeviceAbstraction;
     ~TrackedDevice() override
     {
-        Q_ASSERT(m_alive == aliveMark); // destroyed once; asserts are on in tests
-        m_alive = 0;
+        Q_ASSERT(alive == aliveMark); // destroyed once; asserts are on in tests
+        alive = 0;
         ++(t_changingRegistry ? s_destroyedInRegistry : s_destroyedElsewhere);
     }
-    bool isAlive() const { return m_alive == aliveMark; }
-
-    static std::atomic<int> s_created;
-    static std::atomic<int> s_destroyedInRegistry;
-    static std::atomic<int> s_destroyedElsewhere;
-
-private:
     static constexpr quint32 aliveMark = 0xA11FE;
-    quint32 m_alive = aliveMark;
+    quint32 alive = aliveMark;
 };
-std::atomic<int> TrackedDevice::s_created{0};
-std::atomic<int> TrackedDevice::s_destroyedInRegistry{0};
-std::atomic<int> TrackedDevice::s_destroyedElsewhere{0};
 
 QSharedPointer<KrPalRoot> makeRoot(const QString &name)
 {
     QSharedPointer<KrPalRoot> root(new KrPalRoot);
-    root->addDeviceAbstraction(name.toUtf8(), std::make_shared<TrackedDevice>(name.toUtf8()));
+    root->addDeviceAbstraction(name.toUtf8(), std::make_shared<TrackedDevice>(name.toUtf8(), nullptr));
+    ++s_created;
     return root;
+}
+
+// Whether @p root is a whole, living root made by makeRoot() for @p name.
+bool isWhole(const QSharedPointer<KrPalRoot> &root, const QString &name)
+{
+    const auto *device = qobject_cast<TrackedDevice *>(root->deviceAbstraction(name.toUtf8().constData()));
+    return device && device->alive == TrackedDevice::aliveMark && device->id() == name.toUtf8();
 }
 
 void add(const QString &name, const QSharedPointer<KrPalRoot> &root)
 {
     t_changingRegistry = true;
-    KrPalApplicationManager::add(name, root);
+    Manager::add(name, root);
     t_changingRegistry = false;
 }
 
 void remove(const QString &name)
 {
     t_changingRegistry = true;
-    KrPalApplicationManager::remove(name);
+    Manager::remove(name);
     t_changingRegistry = false;
-}
-
-// Whether @p root is a whole, living root made by makeRoot() for one of the shared names.
-bool isWhole(const QSharedPointer<KrPalRoot> &root, const QString &name)
-{
-    const auto *device = qobject_cast<TrackedDevice *>(root->deviceAbstraction(name.toUtf8().constData()));
-    return device && device->isAlive() && device->id() == name.toUtf8();
 }
 
 } // namespace
@@ -94,9 +83,7 @@ class TestKrPalApplicationManagerStress : public QObject
 private Q_SLOTS:
     void manyThreadsChangeAndReadTheRegistry()
     {
-        std::atomic<int> rootsFound{0};
-        std::atomic<int> brokenRoots{0};
-        std::atomic<int> ownReplacements{0};
+        std::atomic<int> rootsFound{0}, brokenRoots{0}, ownReplacements{0};
         QSemaphore go;
         std::vector<std::unique_ptr<QThread>> threads;
         for (int t = 0; t < threadCount; ++t) {
@@ -105,33 +92,27 @@ private Q_SLOTS:
                 go.acquire();
                 for (int i = 0; i < operationsPerThread; ++i) {
                     const QString &name = sharedNames.at((i * 7 + t) % sharedNames.size());
-                    switch ((i + t) % 6) {
-                    case 0:
+                    const int operation = (i + t) % 6;
+                    if (operation == 0) {
                         add(name, makeRoot(name));
-                        break;
-                    case 1:
+                    } else if (operation == 1) {
                         remove(name);
-                        break;
-                    case 2:
+                    } else if (operation == 2) {
                         // The reference taken here may outlive the registry's: the root then
                         // dies on this thread, outside the lock.
-                        if (const QSharedPointer<KrPalRoot> root = KrPalApplicationManager::application(name)) {
+                        if (const QSharedPointer<KrPalRoot> root = Manager::application(name)) {
                             ++rootsFound;
                             brokenRoots += !isWhole(root, name);
                         }
-                        break;
-                    case 3:
-                        KrPalApplicationManager::loaded(name);
-                        break;
-                    case 4: {
+                    } else if (operation == 3) {
+                        Manager::loaded(name);
+                    } else if (operation == 4) {
                         // One root under two names, then released by both.
                         const QSharedPointer<KrPalRoot> root = makeRoot(own);
                         add(own, root);
                         add(own + QLatin1String("-alias"), root);
                         remove(own + QLatin1String("-alias"));
-                        break;
-                    }
-                    default:
+                    } else {
                         // Nobody else touches this name: the root replaced is the registry's
                         // alone, and must die inside add().
                         add(own, makeRoot(own));
@@ -148,17 +129,12 @@ private Q_SLOTS:
 
         QVERIFY(rootsFound > 0);
         QCOMPARE(brokenRoots.load(), 0);
-        // Each replacement of an own root released the one before, inside add().
-        QVERIFY(TrackedDevice::s_destroyedInRegistry >= ownReplacements - threadCount);
-
+        QVERIFY(s_destroyedInRegistry >= ownReplacements - threadCount);
         for (const QString &name : sharedNames)
             remove(name);
-        QCOMPARE(TrackedDevice::s_destroyedInRegistry + TrackedDevice::s_destroyedElsewhere,
-            TrackedDevice::s_created.load());
-        qInfo(
-            "%d registry operations on %d threads; %d roots made, %d destroyed inside add() or remove(), %d elsewhere",
-            threadCount * operationsPerThread, threadCount, TrackedDevice::s_created.load(),
-            TrackedDevice::s_destroyedInRegistry.load(), TrackedDevice::s_destroyedElsewhere.load());
+        QCOMPARE(s_destroyedInRegistry + s_destroyedElsewhere, s_created.load());
+        qInfo("%d registry operations on %d threads; %d roots made, %d destroyed inside add() or remove()",
+            threadCount * operationsPerThread, threadCount, s_created.load(), s_destroyedInRegistry.load());
     }
 };
 

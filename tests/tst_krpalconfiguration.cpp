@@ -10,12 +10,9 @@ using Pal::KrDeviceAbstraction;
 
 namespace {
 
-const QString configurationFile = QStringLiteral("krpalconfiguration.cpp");
-const QString factoryFunction = QStringLiteral(
-    "std::shared_ptr<Pal::KrDeviceAbstraction> Pal::KrPalConfiguration::createKrDeviceAbstraction(const QByteArray&) "
-    "const");
-const QString addFunction = QStringLiteral(
-    "StatusCode Pal::KrPalRoot::addDeviceAbstraction(const QByteArray&, std::shared_ptr<Pal::KrDeviceAbstraction>)");
+using Pinned::notConstructed;
+using Pinned::unbuilt;
+
 const QMetaObject *const proxyClass = &TestProxy::staticMetaObject;
 const QMetaObject *const deviceClass = &KrDeviceAbstraction::staticMetaObject;
 
@@ -25,17 +22,17 @@ QStringList asked(const QString &key, int count = 4)
     return QStringList{"hook:" + key, "proxy:" + key, "device:" + key, "formatters:" + key}.mid(0, count);
 }
 
-Report unbuilt(quint64 line, const QString &className)
+// Has the device's invokable constructor, yet is no QObject: the factory must not build it.
+struct GadgetBase
 {
-    return {50, configurationFile, line, factoryFunction, {className}};
-}
-
-Report notConstructed(const QString &key)
+    Q_GADGET
+};
+struct DeviceLikeGadget : GadgetBase
 {
-    return {51, configurationFile, 40,
-        QStringLiteral("QSharedPointer<Pal::KrPalRoot> Pal::KrPalConfiguration::createPalRoot() const"),
-        {QStringLiteral("creating KrPalRoot"), QStringLiteral("device %1 couldn't be constructed").arg(key)}};
-}
+    Q_GADGET
+public:
+    Q_INVOKABLE DeviceLikeGadget(const QByteArray &, Pal::KrAbstractDeviceProxy *, Pal::CommandFormatters &) { }
+};
 
 // Records every call of a virtual operation; a null class leaves the base's empty meta-object.
 class TestConfiguration : public Pal::KrPalConfiguration
@@ -50,23 +47,23 @@ public:
     QList<QByteArray> deviceAbstractionIds() const override { return ids; }
     std::shared_ptr<KrDeviceAbstraction> createDeviceAbstraction(const QByteArray &id) const override
     {
-        calls << "hook:" + QString(id);
+        calls << "hook:" + QString::fromUtf8(id.constData());
         return handBuilt.contains(id) ? std::make_shared<KrDeviceAbstraction>(id, nullptr)
                                       : KrPalConfiguration::createDeviceAbstraction(id);
     }
     QMetaObject deviceProxy(const QByteArray &id) const override
     {
-        calls << "proxy:" + QString(id);
+        calls << "proxy:" + QString::fromUtf8(id.constData());
         return proxyClass ? *proxyClass : KrPalConfiguration::deviceProxy(id);
     }
     QMetaObject deviceAbstraction(const QByteArray &id) const override
     {
-        calls << "device:" + QString(id);
+        calls << "device:" + QString::fromUtf8(id.constData());
         return deviceClass ? *deviceClass : KrPalConfiguration::deviceAbstraction(id);
     }
     Pal::CommandFormatters commandFormatters(const QByteArray &id) const override
     {
-        calls << "formatters:" + QString(id);
+        calls << "formatters:" + QString::fromUtf8(id.constData());
         return {{1, [](quint16, const QVariant &value) -> QByteArray { return "value " + value.toByteArray(); }}};
     }
 };
@@ -102,8 +99,8 @@ private Q_SLOTS:
         row("hook builds all", {"adc", "dac"}, asked("adc", 1) + asked("dac", 1), {}, {"adc", "dac"}, proxyClass,
             deviceClass, {"adc", "dac"});
         // Nothing but the hook is asked for an empty key.
-        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"),
-            {{39, configurationFile, 69, factoryFunction, {"deviceAbstractionId"}}, notConstructed("")}, {"a", "b"});
+        row("empty key", {"a", "", "b"}, asked("a") + asked("", 1) + asked("b"), {Pinned::emptyKey, notConstructed("")},
+            {"a", "b"});
         // The proxy built for a device that cannot be built is deleted.
         row("device without the three-argument constructor, NUL in key", {QByteArray("ab\0cd", 5)}, asked("ab"),
             {unbuilt(94, "TestProxy"), notConstructed("ab")}, {}, proxyClass, proxyClass);
@@ -111,10 +108,14 @@ private Q_SLOTS:
         row("proxy without a no-argument constructor", {"a"}, asked("a", 2),
             {unbuilt(79, "Pal::KrDeviceAbstraction"), notConstructed("a")}, {}, deviceClass);
         row("empty proxy class", {"a"}, asked("a", 2), {unbuilt(79, ""), notConstructed("a")}, {}, nullptr);
+        // Without a superclass QObject's own meta-object cannot be told from the empty one.
+        row("QObject as proxy class", {"a"}, asked("a", 2), {unbuilt(79, ""), notConstructed("a")}, {},
+            &QObject::staticMetaObject);
+        row("gadget as device class", {"a"}, asked("a"), {unbuilt(94, "DeviceLikeGadget"), notConstructed("a")}, {},
+            proxyClass, &DeviceLikeGadget::staticMetaObject);
         // A device that the root refuses is gone, with its proxy, before createPalRoot returns.
-        row("duplicate key", {"a", "a"}, asked("a") + asked("a"),
-            {{46, "krpalroot.cpp", 25, addFunction, {"KrDeviceAbstraction with key = a", "KrPalRoot"}}}, {"a"});
-        row("NULL", {"NULL"}, asked("NULL"), {{39, "krpalroot.cpp", 30, addFunction, {"key"}}}, {});
+        row("duplicate key", {"a", "a"}, asked("a") + asked("a"), {Pinned::duplicateKey("a")}, {"a"});
+        row("NULL", {"NULL"}, asked("NULL"), {Pinned::reservedKey}, {});
     }
     // A device kept has no parent; one built from its classes has its proxy as its child and its
     // own copy of the formatters. No other proxy survives createPalRoot, and none the root.

@@ -1,8 +1,7 @@
-// Calibration writes against what the file system does to them: a file that cannot be
-// written, a directory or a dangling link in its place, a full or read-only file system, and
-// another writer between two updates. Whatever happens, the calibration on disk is the old one
-// or the new one, and nothing else is left behind. (A write cut short by the file size limit
-// is in tst_tcxocaldevice.)
+// Calibration writes against what the file system does to them: a read-only file, a directory
+// or a dangling link in its place, and another writer between two updates. Whatever happens,
+// the calibration on disk is the old one or the new one, and nothing else is left behind. (A
+// write cut short by the file size limit, as on a full disk, is in tst_tcxocaldevice.)
 
 #include "messagerecorder.h"
 #include "tcxotestsupport.h"
@@ -15,17 +14,7 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <cerrno>
-#include <cstring>
-#include <functional>
-
-#include <fcntl.h>
-#include <linux/fs.h>
-#include <sched.h>
-#include <sys/ioctl.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 using Pal::TcxoCalDevice;
@@ -33,21 +22,11 @@ using Factors = TcxoCalDevice::TcxoCalFactors;
 
 namespace {
 
-const Factors example{2048, 25.5f, 0.0125f, 2051, 31.75f, 0.0124f, 1.7e12f, 3600, 1};
-const QByteArray exampleBytes = "FACTORY_TCXO=2048\nFACTORY_TEMPERATURE=25.5\nFACTORY_TUNING_SENSITIVITY=0.0125\n"
-                                "FIELD_TCXO=2051\nFIELD_TEMPERATURE=31.75\nFIELD_TUNING_SENSITIVITY=0.0124\n"
-                                "FIELD_FIX_TIME=1.7e+12\nFIX_DECAY_TIME=3600\nREF_SOURCE_DISPLAY=1";
 const Factors other{1, 2, 3, 4, 5, 6, 7, 8, 9};
 
 QByteArray withFieldTcxo(const QByteArray &bytes, int dacValue)
 {
-    return QByteArray(bytes).replace("FIELD_TCXO=2051", "FIELD_TCXO=" + QByteArray::number(dacValue));
-}
-
-QByteArray contentOf(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<unreadable>");
+    return QByteArray(bytes).replace("FIELD_TCXO=2051", QByteArray("FIELD_TCXO=" + QByteArray::number(dacValue)));
 }
 
 bool writeFile(const QString &path, const QByteArray &bytes)
@@ -67,68 +46,6 @@ QStringList entriesOf(const QString &directory)
     return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
 }
 
-// Sets or clears the immutable attribute, which keeps even root from changing, replacing or
-// removing the file.
-bool setImmutable(const QString &path, bool immutable)
-{
-    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0)
-        return false;
-    int flags = 0;
-    bool done = ::ioctl(fd, FS_IOC_GETFLAGS, &flags) == 0;
-    flags = immutable ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
-    done = done && ::ioctl(fd, FS_IOC_SETFLAGS, &flags) == 0;
-    ::close(fd);
-    return done;
-}
-
-// Runs @p body in a child process with a tmpfs mounted at @p directory with @p options, in a
-// mount namespace of the child's own: nobody else sees the mount, and it goes with the child
-// whatever happens. Returns what @p body returns (empty for success), or "skip: <reason>" when
-// the machine does not allow it.
-QString inPrivateTmpfs(const QString &directory, const char *options, const std::function<QString()> &body)
-{
-    int pipeFds[2];
-    if (::pipe(pipeFds) != 0)
-        return QStringLiteral("pipe failed");
-    const pid_t child = ::fork();
-    if (child < 0)
-        return QStringLiteral("fork failed");
-    if (child == 0) {
-        ::close(pipeFds[0]);
-        QString result;
-        const QByteArray target = QFile::encodeName(directory);
-        if (::unshare(CLONE_NEWNS) != 0)
-            result = QStringLiteral("skip: no mount namespace of its own: ") + QString::fromLocal8Bit(strerror(errno));
-        // Source and type are ignored here; named all the same, since valgrind checks them.
-        else if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0
-            || ::mount("krpal-test", target.constData(), "tmpfs", MS_NOSUID | MS_NODEV, options) != 0)
-            result = QStringLiteral("skip: cannot mount a tmpfs: ") + QString::fromLocal8Bit(strerror(errno));
-        else
-            result = body();
-        const QByteArray bytes = result.toUtf8();
-        const bool written = ::write(pipeFds[1], bytes.constData(), size_t(bytes.size())) == bytes.size();
-        ::_exit(written ? 0 : 1);
-    }
-    ::close(pipeFds[1]);
-    QByteArray bytes;
-    char buffer[512];
-    for (ssize_t count; (count = ::read(pipeFds[0], buffer, sizeof buffer)) > 0;)
-        bytes.append(buffer, int(count));
-    ::close(pipeFds[0]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-        return QStringLiteral("child ended with status %1: %2").arg(status).arg(QString::fromUtf8(bytes));
-    return QString::fromUtf8(bytes);
-}
-
-#define EXPECT(condition, what)                                                                                        \
-    do {                                                                                                               \
-        if (!(condition))                                                                                              \
-            return QStringLiteral("line %1: %2").arg(__LINE__).arg(what);                                              \
-    } while (false)
-
 } // namespace
 
 class TestTcxoCalDeviceFaults : public QObject
@@ -146,28 +63,6 @@ private Q_SLOTS:
         device.updateTcxoFieldCal(2060);
         QCOMPARE(contentOf(path), withFieldTcxo(exampleBytes, 2060));
         QCOMPARE(modeOf(path), 0604);
-    }
-
-    // A file that nobody may change stays as it is, and no temporary file is left beside it.
-    void immutableFileIsLeftAlone()
-    {
-        QTemporaryDir dir;
-        const QString path = dir.filePath("tcxo.cal");
-        TcxoCalDevice device("tcxo", path);
-        device.createTcxoCalFile(example);
-        if (!setImmutable(path, true))
-            QSKIP("Cannot make a file immutable here (needs root and a file system with the attribute)");
-        device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
-        device.updateTcxoFieldCal(2061);
-        device.createTcxoCalFile(other);
-        const QByteArray bytes = contentOf(path);
-        const QStringList entries = entriesOf(dir.path());
-        QVERIFY(setImmutable(path, false));
-
-        QCOMPARE(bytes, exampleBytes);
-        QCOMPARE(entries, QStringList{"tcxo.cal"});
-        QCOMPARE(device.getValue(Pal::fieldTcxoKey, true), QString("4"));
-        QCOMPARE(device.getValue(Pal::fieldTcxoKey, false), QString("2051"));
     }
 
     // Whatever stands at the path instead of a file is neither replaced nor followed into.
@@ -245,7 +140,7 @@ private Q_SLOTS:
         QTest::newRow("key removed") << "in place" << QByteArray("FACTORY_TCXO=1\n") << QByteArray("FACTORY_TCXO=1\n");
         QTest::newRow("NUL byte added") << "in place" << withFieldTcxo(exampleBytes, 5) + '\0'
                                         << withFieldTcxo(exampleBytes, 5) + '\0';
-        QTest::newRow("removed") << "remove" << QByteArray() << QByteArray("<unreadable>");
+        QTest::newRow("removed") << "remove" << QByteArray() << QByteArray();
     }
     void anotherWriterBetweenUpdates()
     {
@@ -289,71 +184,6 @@ private Q_SLOTS:
         device.createTcxoCalFile(other);
         QCOMPARE("FACTORY_TCXO=" + reader.readAll(), exampleBytes);
         QVERIFY(contentOf(path).startsWith("FACTORY_TCXO=1\n"));
-    }
-
-    // A full file system: the temporary file cannot take the new calibration, so the old one
-    // stays, and nothing is left behind. Once there is room again, updates go through.
-    void fullFileSystem()
-    {
-        QTemporaryDir dir;
-        const QString mountPoint = dir.filePath("full");
-        QVERIFY(QDir().mkdir(mountPoint));
-        const QString result = inPrivateTmpfs(mountPoint, "size=16k,mode=0700", [&mountPoint]() -> QString {
-            const QString path = mountPoint + "/tcxo.cal";
-            TcxoCalDevice device("tcxo", path);
-            device.createTcxoCalFile(example);
-            EXPECT(contentOf(path) == exampleBytes, "the calibration was not written");
-            QFile filler(mountPoint + "/filler");
-            EXPECT(filler.open(QIODevice::WriteOnly | QIODevice::Unbuffered), "no filler");
-            const QByteArray block(1024, 'f');
-            while (filler.write(block) == block.size()) { }
-            filler.close();
-
-            device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
-            device.updateTcxoFieldCal(2061);
-            device.createTcxoCalFile(other);
-            EXPECT(contentOf(path) == exampleBytes, "the calibration changed: " + QString::fromLatin1(contentOf(path)));
-            EXPECT(modeOf(path) == 0604, "mode changed");
-            EXPECT(entriesOf(mountPoint) == (QStringList{"filler", "tcxo.cal"}),
-                "left behind: " + entriesOf(mountPoint).join(' '));
-
-            EXPECT(QFile::remove(mountPoint + "/filler"), "filler not removed");
-            device.updateTcxoFieldCal(2060);
-            EXPECT(contentOf(path) == withFieldTcxo(exampleBytes, 2060), "no update with room again");
-            return QString();
-        });
-        if (result.startsWith("skip: "))
-            QSKIP(qPrintable(result.mid(6)));
-        QVERIFY2(result.isEmpty(), qPrintable(result));
-    }
-
-    // A file system mounted read-only: nothing can be written, and nothing is.
-    void readOnlyFileSystem()
-    {
-        QTemporaryDir dir;
-        const QString mountPoint = dir.filePath("ro");
-        QVERIFY(QDir().mkdir(mountPoint));
-        const QString result = inPrivateTmpfs(mountPoint, "size=64k,mode=0700", [&mountPoint]() -> QString {
-            const QString path = mountPoint + "/tcxo.cal";
-            TcxoCalDevice device("tcxo", path);
-            device.createTcxoCalFile(example);
-            EXPECT(::mount("krpal-test", QFile::encodeName(mountPoint).constData(), "tmpfs", MS_REMOUNT | MS_RDONLY,
-                       nullptr)
-                    == 0,
-                QStringLiteral("skip: cannot remount read-only: ") + QString::fromLocal8Bit(strerror(errno)));
-
-            device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
-            device.updateTcxoFieldCal(2061);
-            device.createTcxoCalFile(other);
-            EXPECT(contentOf(path) == exampleBytes, "the calibration changed: " + QString::fromLatin1(contentOf(path)));
-            EXPECT(entriesOf(mountPoint) == QStringList{"tcxo.cal"}, "left behind: " + entriesOf(mountPoint).join(' '));
-            Factors factors{};
-            EXPECT(device.getTcxoCalFactors(factors) && factors == example, "the calibration does not read back");
-            return QString();
-        });
-        if (result.contains("skip: "))
-            QSKIP(qPrintable(result.mid(result.indexOf("skip: ") + 6)));
-        QVERIFY2(result.isEmpty(), qPrintable(result));
     }
 };
 

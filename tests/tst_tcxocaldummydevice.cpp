@@ -15,7 +15,7 @@ private Q_SLOTS:
     {
         // The base looks for "DummyTcxoCalFile" in the working directory, which must stay empty.
         TemporaryWorkingDir workingDir;
-        QVERIFY(workingDir.current.entered());
+        QVERIFY(workingDir.entered());
         MessageRecorder recorder;
         Pal::TcxoCalDummyDevice device("tcxo");
         QCOMPARE(recorder.takeMessages(),

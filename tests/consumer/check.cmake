@@ -1,24 +1,38 @@
 # Installs the build into a scratch prefix and consumes it as an application would:
 # CMake's find_package, then pkg-config. Also checks the library's SONAME and exports, and
 # builds the README's model application (examples/quickstart) both ways, as its readers do.
+# QT_MAJOR (5 or 6) gives the names that the build installs.
 cmake_minimum_required(VERSION 3.16)
 
 include("${CMAKE_CURRENT_LIST_DIR}/../cmake/checkhelpers.cmake")
+krpal_installed_names("${QT_MAJOR}" lib)
 
 set(prefix "${WORK_DIR}/prefix")
 file(REMOVE_RECURSE "${WORK_DIR}")
 run("${CMAKE_COMMAND}" --install "${BUILD_DIR}" --prefix "${prefix}")
 
-foreach(path lib/libKrPal.so.1 lib/libKrPal.so lib/libKrPalDevices.so.1 lib/libKrPalDevices.so lib/libCrosscutting.so.1
-             include/pal/krpal_export.h include/pal/devices/krpaldevices_export.h lib/pkgconfig/KrPalDevices.pc
-             include/crosscutting/crosscutting.h lib/cmake/KrPal/KrPalConfig.cmake
-             lib/cmake/KrPal/KrPalConfigVersion.cmake lib/cmake/KrPal/KrPalTargets.cmake lib/pkgconfig/KrPal.pc)
+foreach(path lib/lib${KRPAL}.so.1 lib/lib${KRPAL}.so lib/lib${KRPAL}Devices.so.1 lib/lib${KRPAL}Devices.so
+             lib/lib${CROSSCUTTING}.so.1 ${INCLUDE_ROOT}/pal/krpal_export.h ${INCLUDE_ROOT}/pal/devices/krpaldevices_export.h
+             ${CROSSCUTTING_INCLUDE_ROOT}/crosscutting/crosscutting.h lib/cmake/${KRPAL}/${KRPAL}Config.cmake
+             lib/cmake/${KRPAL}/${KRPAL}ConfigVersion.cmake lib/cmake/${KRPAL}/${KRPAL}Targets.cmake
+             lib/cmake/${CROSSCUTTING}/${CROSSCUTTING}Config.cmake lib/pkgconfig/${KRPAL}.pc
+             lib/pkgconfig/${KRPAL}Devices.pc)
     if(NOT EXISTS "${prefix}/${path}")
         message(FATAL_ERROR "not installed: ${path}")
     endif()
 endforeach()
 
-foreach(library libKrPal libKrPalDevices)
+# The exported link interfaces name Qt by its major version, never by Qt::, which means the
+# Qt that an application happened to find first.
+file(GLOB target_files "${prefix}/lib/cmake/*/*Targets.cmake")
+foreach(target_file IN LISTS target_files)
+    file(READ "${target_file}" exported)
+    if(exported MATCHES "[^0-9A-Za-z_]Qt::[A-Za-z]+")
+        message(FATAL_ERROR "${target_file} links the versionless ${CMAKE_MATCH_0}: link Qt${QT_MAJOR}:: instead")
+    endif()
+endforeach()
+
+foreach(library lib${KRPAL} lib${KRPAL}Devices)
     run(readelf -d "${prefix}/lib/${library}.so.1")
     if(NOT RUN_OUTPUT MATCHES "Library soname: \\[${library}\\.so\\.1\\]")
         message(FATAL_ERROR "${library}.so.1 lacks its SONAME:\n${RUN_OUTPUT}")
@@ -67,13 +81,14 @@ endif()
 
 # CMake consumer.
 run("${CMAKE_COMMAND}" -S "${SOURCE_DIR}" -B "${WORK_DIR}/cmake-build" "-DCMAKE_PREFIX_PATH=${prefix}"
-    "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" "-DCMAKE_CXX_FLAGS=${flags}")
+    "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" "-DCMAKE_CXX_FLAGS=${flags}" -DKRPAL_PACKAGE=${KRPAL})
 run("${CMAKE_COMMAND}" --build "${WORK_DIR}/cmake-build")
 run("${WORK_DIR}/cmake-build/consumer")
 message(STATUS "${RUN_OUTPUT}")
 
 # The model application, with its own CMake project.
 run("${CMAKE_COMMAND}" -S "${QUICKSTART_DIR}" -B "${WORK_DIR}/quickstart-build" "-DCMAKE_PREFIX_PATH=${prefix}"
+    -DKRPAL_PACKAGE=${KRPAL}
     "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" "-DCMAKE_CXX_FLAGS=${flags}")
 run("${CMAKE_COMMAND}" --build "${WORK_DIR}/quickstart-build")
 # Built in every build, run where the CTest entry quickstart runs too: not under the thread
@@ -91,7 +106,7 @@ endif()
 
 # pkg-config consumer.
 set(ENV{PKG_CONFIG_PATH} "${prefix}/lib/pkgconfig")
-run(pkg-config --cflags --libs KrPalDevices)
+run(pkg-config --cflags --libs ${KRPAL}Devices)
 string(STRIP "${RUN_OUTPUT}" pcflags)
 separate_arguments(pcflags UNIX_COMMAND "${pcflags}")
 run("${CXX_COMPILER}" -std=c++17 -fPIC ${flags} "${SOURCE_DIR}/main.cpp" -o "${WORK_DIR}/consumer-pc" ${pcflags})
@@ -101,9 +116,14 @@ message(STATUS "${RUN_OUTPUT}")
 
 # The model application with pkg-config, as the README shows it: moc makes the meta-object
 # of its proxy class, which main.cpp includes as main.moc.
-run(pkg-config --variable=host_bins Qt5Core)
+# Qt 5 names moc's folder host_bins; Qt 6 keeps moc in libexecdir.
+if(QT_MAJOR STREQUAL "6")
+    run(pkg-config --variable=libexecdir Qt6Core)
+else()
+    run(pkg-config --variable=host_bins Qt5Core)
+endif()
 string(STRIP "${RUN_OUTPUT}" qtbins)
-run(pkg-config --cflags KrPal)
+run(pkg-config --cflags ${KRPAL})
 string(STRIP "${RUN_OUTPUT}" mocflags)
 separate_arguments(mocflags UNIX_COMMAND "${mocflags}")
 run("${qtbins}/moc" ${mocflags} "${QUICKSTART_DIR}/main.cpp" -o "${WORK_DIR}/main.moc")
@@ -111,4 +131,20 @@ run("${CXX_COMPILER}" -std=c++17 -fPIC ${flags} "-I${WORK_DIR}" "${QUICKSTART_DI
     "${WORK_DIR}/quickstart-pc" ${pcflags})
 if(run_quickstart)
     run("${WORK_DIR}/quickstart-pc")
+endif()
+
+# A Qt 6 application cannot link the Qt 5 library, nor the other way round: Qt's targets carry
+# their major version, and CMake refuses a program that would link both. Checked where the
+# other Qt is installed.
+set(other_major 6)
+if(QT_MAJOR STREQUAL "6")
+    set(other_major 5)
+endif()
+execute_process(COMMAND "${CMAKE_COMMAND}" -S "${SOURCE_DIR}" -B "${WORK_DIR}/mixed-build" "-DCMAKE_PREFIX_PATH=${prefix}"
+                        "-DCMAKE_CXX_COMPILER=${CXX_COMPILER}" -DKRPAL_PACKAGE=${KRPAL} -DKRPAL_MIXED_QT=${other_major}
+                RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(rc EQUAL 0)
+    message(FATAL_ERROR "a program linking ${KRPAL} and Qt ${other_major} was configured:\n${out}")
+elseif(NOT err MATCHES "Qt ${other_major} is not installed" AND NOT err MATCHES "INTERFACE_QT_MAJOR_VERSION property")
+    message(FATAL_ERROR "a program linking ${KRPAL} and Qt ${other_major} failed for another reason:\n${err}")
 endif()

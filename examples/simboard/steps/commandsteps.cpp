@@ -19,7 +19,7 @@ void SimBoardDemo::sendCommand()
 {
     m_log.begin(QStringLiteral("command"), QStringLiteral("Send a hardware command, end to end"));
     const QSharedPointer<Pal::KrPalRoot> root = Pal::KrPalApplicationManager::application(applicationName);
-    if (!m_log.check(root, QStringLiteral("no application registered as ") + quoted(applicationName))) {
+    if (!m_log.check(!root.isNull(), QStringLiteral("no application registered as ") + quoted(applicationName))) {
         m_log.end();
         return;
     }
