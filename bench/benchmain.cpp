@@ -81,6 +81,8 @@ const Row rows[] = {
         {"devices/collector_on_pipe", "plain_read_loop_ns"}, Comparison::ThroughputAtLeast, 0.9},
     {"devices: ioctl over a pseudo-terminal", {"devices/ioctl_over_pty", "ioctl_ns"},
         {"devices/ioctl_over_pty", "write_poll_read_ns"}, Comparison::TimeAtMost, 1.1},
+    {"NMEA sentences: addData", {"nmea/sentences", "addData_ns"}, {"nmea/sentences", "checksum_loop_ns"},
+        Comparison::TimeAtMost, 0},
 };
 
 const char memoryBenchmark[] = "memory/root_of_1000_devices";
@@ -253,6 +255,7 @@ int main(int argc, char **argv)
     Bench::registerDeviceMemory();
     Bench::registerUioRegisters();
     Bench::registerDeviceTransport();
+    Bench::registerNmeaSentences();
 
     std::printf("load average before the run: %s\n", loadAverage().c_str());
     TableReporter reporter;

@@ -120,6 +120,7 @@ void registerApplicationLookup();
 void registerDeviceMemory();
 void registerUioRegisters();
 void registerDeviceTransport();
+void registerNmeaSentences();
 
 /// The memory probe runs in a process of its own, started by the memory benchmark with this
 /// argument: it prints the resident memory of the empty process and of the process holding

@@ -1,0 +1,331 @@
+// Recorded receiver output through KrNmeaGpsSource, in every chunking, with every emitted value
+// compared whole; and krpal-nmea run on a log file and on standard input.
+
+#include "ptypair.h"
+#include "toolprocess.h"
+
+#include <pal/devices/krnmeagpssource.h>
+
+#include <QFile>
+#include <QGeoCoordinate>
+#include <QGeoPositionInfo>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QTest>
+#include <QThread>
+
+#include <functional>
+#include <mutex>
+
+using Pal::KrGpsInfo;
+using Pal::KrNmeaGpsSource;
+
+namespace {
+
+// All of a KrGpsInfo on one line: degrees to 1e-9, altitude to 1 mm, the attributes set.
+QString describe(const KrGpsInfo &info)
+{
+    const QGeoPositionInfo position = info.getGpsPostionInfo();
+    const QGeoCoordinate coordinate = position.coordinate();
+    QString text = position.timestamp().isValid() ? position.timestamp().toString(Qt::ISODateWithMs) : "-";
+    text += QString(" fix=%1 sats=%2 date=%3 valid=%4")
+                .arg(info.getGpsFix())
+                .arg(info.getNumberSatellites())
+                .arg(info.hasDate())
+                .arg(info.isValid());
+    if (coordinate.isValid())
+        text += QString(" %1,%2").arg(coordinate.latitude(), 0, 'f', 9).arg(coordinate.longitude(), 0, 'f', 9);
+    if (!qIsNaN(coordinate.altitude()))
+        text += QString(" alt=%1").arg(coordinate.altitude(), 0, 'f', 3);
+    const std::pair<QGeoPositionInfo::Attribute, const char *> attributes[] = {{QGeoPositionInfo::GroundSpeed, "speed"},
+        {QGeoPositionInfo::Direction, "course"}, {QGeoPositionInfo::MagneticVariation, "magvar"},
+        {QGeoPositionInfo::HorizontalAccuracy, "hacc"}, {QGeoPositionInfo::VerticalAccuracy, "vacc"}};
+    for (const auto &attribute : attributes) {
+        if (position.hasAttribute(attribute.first))
+            text += QString(" %1=%2").arg(attribute.second).arg(position.attribute(attribute.first), 0, 'g', 9);
+    }
+    return text;
+}
+
+QByteArray recording(const QString &name)
+{
+    QFile file(QStringLiteral(KRPAL_NMEA_DATA "/") + name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+struct Run
+{
+    QStringList emitted;
+    // Per epoch the line during which it was emitted, or "end" for flush().
+    QStringList lines;
+    quint64 dropped = 0;
+};
+
+// Feeds @p bytes in chunks of the sizes @p chunks gives for each offset, through both overloads.
+Run feed(const QByteArray &bytes, const std::function<int(int)> &chunks)
+{
+    KrNmeaGpsSource source;
+    Run run;
+    QString line = "1";
+    QObject::connect(&source, &KrNmeaGpsSource::gpsInfoUpdated, [&](const KrGpsInfo &info) {
+        run.emitted << describe(info);
+        run.lines << line;
+        QCOMPARE(describe(source.lastGpsInfo()), run.emitted.last());
+    });
+    for (int at = 0, n = 0, lines = 0; at < bytes.size(); at += n) {
+        n = qMin(chunks(at), bytes.size() - at);
+        line = QString::number(lines + 1);
+        if (n % 2)
+            source.addData(bytes.constData() + at, n);
+        else
+            source.addData(bytes.mid(at, n));
+        lines += bytes.mid(at, n).count('\n');
+    }
+    line = "end";
+    source.flush();
+    run.dropped = source.droppedSentences();
+    return run;
+}
+
+// krpal-nmea --json on no-fix-at-start.nmea.
+const QByteArray noFixJson
+    = "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
+      "\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":0,\"hasDate\":false,"
+      "\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":null,\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,\"satellites\":3,\"hasDate\":false,"
+      "\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":\"2024-04-17T08:00:01.000Z\",\"lat\":null,\"lon\":null,\"altMSL\":null,\"fix\":false,"
+      "\"satellites\":3,\"hasDate\":true,\"valid\":false,\"speed\":null,\"course\":null}\n"
+      "{\"time\":\"2024-04-17T08:00:02.000Z\",\"lat\":51.5,\"lon\":-0.125,\"altMSL\":-12.345,\"fix\":true,"
+      "\"satellites\":5,\"hasDate\":true,\"valid\":true,\"speed\":0.0051444444444444445,\"course\":null}\n";
+const QByteArray noFixSummary = "krpal-nmea: 5 epochs, 1 with a fix, 0 sentences dropped\n";
+
+} // namespace
+
+class TestKrNmeaGpsSource : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void recordings_data();
+    void recordings();
+    void queued();
+    void tool_data();
+    void tool();
+    void serialLine();
+};
+
+// Each recording's epochs, the number of bad sentences in it, and the lines (fed one by one)
+// during which the epochs were emitted: at once on the cycle's end once that is known.
+void TestKrNmeaGpsSource::recordings_data()
+{
+    QTest::addColumn<QString>("file");
+    QTest::addColumn<QStringList>("expected");
+    QTest::addColumn<quint64>("dropped");
+    QTest::addColumn<QString>("emittedAt");
+
+    QTest::newRow("GPS at 1 Hz, 3D fix, ends on GLL")
+        << "gp-1hz-3d.nmea"
+        << QStringList{"2024-03-18T10:15:30.250Z fix=1 sats=8 date=1 valid=1 48.117301667,11.516670000 alt=545.400 "
+                       "speed=0.00205777778 magvar=-3.1",
+               "2024-03-18T10:15:31.250Z fix=1 sats=8 date=1 valid=1 48.117305000,11.516673333 alt=545.600 "
+               "speed=5.40166667 course=84.4 magvar=-3.1",
+               "2024-03-18T10:15:32.250Z fix=1 sats=8 date=1 valid=1 48.117310000,11.516681667 alt=545.900 "
+               "speed=5.45311111 course=84.5 magvar=-3.1"}
+        << quint64(0) << QString("7 12 18");
+    QTest::newRow("2D fix, no altitude, south-west, 2-digit year 99")
+        << "sirf-2d.nmea"
+        << QStringList{"1999-12-31T23:59:58.000Z fix=1 sats=4 date=1 valid=1 -33.852057612,-151.212757202 "
+                       "speed=0.514444444 course=359.99 magvar=11.5",
+               "1999-12-31T23:59:59.000Z fix=1 sats=4 date=1 valid=1 -33.852057612,-151.212757202 "
+               "speed=0.514444444 course=359.99 magvar=11.5"}
+        << quint64(0) << QString("4 6");
+    QTest::newRow("no fix at start: no time, then no date, then a fix")
+        << "no-fix-at-start.nmea"
+        << QStringList{"- fix=0 sats=0 date=0 valid=0", "- fix=0 sats=0 date=0 valid=0",
+               "- fix=0 sats=3 date=0 valid=0", "2024-04-17T08:00:01.000Z fix=0 sats=3 date=1 valid=0",
+               "2024-04-17T08:00:02.000Z fix=1 sats=5 date=1 valid=1 51.500000000,-0.125000000 alt=-12.345 "
+               "speed=0.00514444444"}
+        << quint64(0) << QString("6 11 15 20 25");
+    QTest::newRow("GN at 10 Hz, fix lost and regained, GST accuracy")
+        << "gn-10hz-fix-lost.nmea"
+        << QStringList{"2025-01-01T12:00:00.000Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
+                       "speed=1.02888889 course=90 hacc=0.5 vacc=1.2",
+               "2025-01-01T12:00:00.100Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
+               "speed=1.02888889 course=90 hacc=0.5 vacc=1.2",
+               "2025-01-01T12:00:00.200Z fix=0 sats=0 date=1 valid=0",
+               "2025-01-01T12:00:00.300Z fix=0 sats=0 date=1 valid=0",
+               "2025-01-01T12:00:00.400Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
+               "speed=1.02888889 course=90 hacc=0.5 vacc=1.2"}
+        << quint64(0) << QString("7 12 18 24 30");
+    QTest::newRow("midnight without a date, other talkers, coordinate limits")
+        << "midnight-talkers.nmea"
+        << QStringList{"2024-12-31T23:59:59.500Z fix=1 sats=9 date=1 valid=1 0.000000000,-180.000000000 alt=0.000",
+               "2024-12-31T23:59:59.750Z fix=1 sats=10 date=0 valid=1 -90.000000000,0.000000000 alt=1.001",
+               "2025-01-01T00:00:00.000Z fix=1 sats=11 date=0 valid=1 0.000001667,0.000001667 alt=2.000",
+               "2025-01-01T00:00:00.250Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000",
+               "2025-01-01T00:00:00.500Z fix=1 sats=7 date=0 valid=1 12.576130000,123.761315000 alt=3.000"}
+        << quint64(0) << QString("3 3 4 5 6");
+    QTest::newRow("cycle end learnt from a partial first epoch, unlearnt on a late ZDA")
+        << "gn-cycle-learning.nmea"
+        << QStringList{"2025-06-15T09:30:00.000Z fix=1 sats=11 date=1 valid=1 1.000000000,103.000000000 alt=10.000 "
+                       "speed=0",
+               "2025-06-15T09:30:01.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:02.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:03.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:04.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0",
+               "2025-06-15T09:30:05.000Z fix=1 sats=9 date=1 valid=1 1.000000000,103.000000000 alt=10.000 speed=0"}
+        << quint64(0) << QString("7 12 16 21 28 32");
+    // Dropped: a wrong checksum, noise, no checksum, five fields that do not convert, too few
+    // fields, a sentence cut off by the next, one too long.
+    QTest::newRow("bad input among good sentences")
+        << "bad-input.nmea"
+        << QStringList{"- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400",
+               "- fix=1 sats=8 date=0 valid=0 48.117300000,11.516666667 alt=545.400"}
+        << quint64(12) << QString("4 4 13 14");
+}
+
+void TestKrNmeaGpsSource::recordings()
+{
+    QFETCH(QString, file);
+    QFETCH(QStringList, expected);
+    QFETCH(quint64, dropped);
+    QFETCH(QString, emittedAt);
+
+    const QByteArray bytes = recording(file);
+    QVERIFY(!bytes.isEmpty());
+    QRandomGenerator random(18);
+    const std::pair<const char *, std::function<int(int)>> chunkings[]
+        = {{"lines", [&](int at) { return bytes.indexOf('\n', at) + 1 - at; }},
+            {"whole", [&](int) { return bytes.size(); }}, {"bytes", [](int) { return 1; }},
+            {"3 bytes", [](int) { return 3; }}, {"64 bytes", [](int) { return 64; }},
+            {"random", [&](int) { return random.bounded(1, 200); }}};
+    for (const auto &chunking : chunkings) {
+        const Run run = feed(bytes, chunking.second);
+        if (run.emitted != expected || run.dropped != dropped)
+            qWarning().noquote() << chunking.first << "\n " << run.emitted.join("\n  ") << "\n dropped" << run.dropped;
+        QCOMPARE(run.emitted, expected);
+        QCOMPARE(run.dropped, dropped);
+        if (chunking.first == QLatin1String("lines"))
+            QCOMPARE(run.lines.join(' '), emittedAt);
+    }
+}
+
+// The signal reaches a receiver on another thread. The thread starts after the epochs were
+// posted, and the list is shared under a std::mutex: orders the thread sanitizer can see.
+void TestKrNmeaGpsSource::queued()
+{
+    KrNmeaGpsSource source;
+    QThread thread;
+    QObject receiver;
+    receiver.moveToThread(&thread);
+    std::mutex mutex;
+    QStringList received;
+    const auto receivedCopy = [&] {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return received;
+    };
+    connect(
+        &source, &KrNmeaGpsSource::gpsInfoUpdated, &receiver,
+        [&](const KrGpsInfo &info) {
+            const std::lock_guard<std::mutex> lock(mutex);
+            received << describe(info);
+        },
+        Qt::QueuedConnection);
+    source.addData(recording("sirf-2d.nmea"));
+    source.flush();
+    thread.start();
+    QTRY_COMPARE(receivedCopy().size(), 2);
+    thread.quit();
+    QVERIFY(thread.wait(5000));
+    QCOMPARE(receivedCopy().last(), describe(source.lastGpsInfo()));
+}
+
+void TestKrNmeaGpsSource::tool_data()
+{
+    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QByteArray>("input");
+    QTest::addColumn<int>("exitCode");
+    QTest::addColumn<QByteArray>("output");
+    QTest::addColumn<QByteArray>("errors");
+
+    const QString noFix = KRPAL_NMEA_DATA "/no-fix-at-start.nmea";
+    QTest::newRow("file") << QStringList{"--json", noFix} << QByteArray() << 0 << noFixJson << noFixSummary;
+    QTest::newRow("standard input") << QStringList{"--json", "-"} << recording("no-fix-at-start.nmea") << 0 << noFixJson
+                                    << noFixSummary;
+    QTest::newRow("text") << QStringList{"-"} << recording("sirf-2d.nmea") << 0
+                          << QByteArray("1999-12-31T23:59:58.000Z fix sats=4 lat=-33.852057612 lon=-151.212757202 "
+                                        "speed=0.514m/s course=359.99deg\n"
+                                        "1999-12-31T23:59:59.000Z fix sats=4 lat=-33.852057612 lon=-151.212757202 "
+                                        "speed=0.514m/s course=359.99deg\n")
+                          << QByteArray("krpal-nmea: 2 epochs, 2 with a fix, 0 sentences dropped\n");
+    QTest::newRow("missing file") << QStringList{"/nonexistent.nmea"} << QByteArray() << 1 << QByteArray()
+                                  << QByteArray(
+                                         "krpal-nmea: cannot open /nonexistent.nmea: No such file or directory\n");
+    QTest::newRow("bad baud") << QStringList{"--baud", "9k6", "-"} << QByteArray() << 2 << QByteArray()
+                              << QByteArray("krpal-nmea: --baud wants a rate from 50 to 4000000, such as 9600, not "
+                                            "\"9k6\"\n");
+    QTest::newRow("no source") << QStringList{"--json"} << QByteArray() << 2 << QByteArray()
+                               << QByteArray("krpal-nmea: give one SOURCE: a file, a serial line, or - for standard "
+                                             "input\n");
+}
+
+void TestKrNmeaGpsSource::tool()
+{
+#ifndef KRPAL_NMEA
+    QSKIP("built without the examples");
+#else
+    QFETCH(QStringList, arguments);
+    QFETCH(QByteArray, input);
+    QFETCH(int, exitCode);
+    QFETCH(QByteArray, output);
+    QFETCH(QByteArray, errors);
+
+    QProcess process;
+    startTool(process, KRPAL_NMEA, arguments);
+    QVERIFY(process.waitForStarted(10000));
+    process.write(input);
+    process.closeWriteChannel();
+    QVERIFY(process.waitForFinished(30000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(process.readAllStandardOutput(), output);
+    QCOMPARE(process.readAllStandardError(), errors);
+    QCOMPARE(process.exitCode(), exitCode);
+#endif
+}
+
+// krpal-nmea on a pseudo-terminal until SIGTERM: the lines of the same recording as a file.
+void TestKrNmeaGpsSource::serialLine()
+{
+#ifndef KRPAL_NMEA
+    QSKIP("built without the examples");
+#else
+    PtyPair pty(true);
+    if (pty.master < 0)
+        QSKIP("no pseudo-terminals here");
+    QProcess process;
+    startTool(process, KRPAL_NMEA, {"--json", "--baud", "115200", pty.slavePath});
+    // Input that waits before the tool opens the line is discarded; the tool says when it reads.
+    const QByteArray reading = "krpal-nmea: reading " + pty.slavePath.toLocal8Bit() + " at 115200 baud\n";
+    QByteArray errors;
+    QTRY_VERIFY_WITH_TIMEOUT(
+        (errors += process.readAllStandardError()).endsWith('\n') || process.state() == QProcess::NotRunning, 10000);
+    if (errors != reading)
+        QSKIP(errors.constData());
+    QVERIFY(pty.send(recording("no-fix-at-start.nmea")));
+    QByteArray output;
+    QTRY_COMPARE_WITH_TIMEOUT((output += process.readAllStandardOutput()).count('\n'), 5, 10000);
+    process.terminate();
+    QVERIFY(process.waitForFinished(10000));
+    QCOMPARE(process.exitStatus(), QProcess::NormalExit);
+    QCOMPARE(output + process.readAllStandardOutput(), noFixJson);
+    QCOMPARE(errors + process.readAllStandardError(), reading + noFixSummary);
+    QCOMPARE(process.exitCode(), 0);
+#endif
+}
+
+QTEST_GUILESS_MAIN(TestKrNmeaGpsSource)
+#include "tst_krnmeagpssource.moc"
