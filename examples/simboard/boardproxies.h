@@ -10,7 +10,7 @@
 
 // The board's proxies, built by the configuration by class name without arguments: each
 // names its node and settings. On the instrument the nodes are fixed ("/dev/ttyPS1",
-// "/dev/adc-stream", "/" for the UIO tree); the simulated instrument makes its nodes when it
+// "/dev/adc-stream", "/dev/ttyPS2", "/" for the UIO tree); the simulated instrument makes its nodes when it
 // starts, so here their paths come from BoardWiring.
 
 /// The front end, a controller on a serial line: one text line per command or request, one
@@ -86,6 +86,17 @@ class AdcControlProxy : public Pal::KrUioDeviceProxy
 public:
     Q_INVOKABLE explicit AdcControlProxy(QObject *parent = nullptr)
         : KrUioDeviceProxy(QStringLiteral("adc-ctrl"), 0, BoardWiring::nodePath("root"), parent)
+    {
+    }
+};
+
+/// The GPS receiver's serial line: NMEA sentences at 9600 baud, which the receiver sends unasked.
+class GpsReceiverProxy : public Pal::KrSerialDeviceProxy
+{
+    Q_OBJECT
+public:
+    Q_INVOKABLE explicit GpsReceiverProxy(QObject *parent = nullptr)
+        : KrSerialDeviceProxy(BoardWiring::nodePath("gps"), 9600, parent)
     {
     }
 };

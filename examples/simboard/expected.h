@@ -102,9 +102,15 @@ constexpr Limit supplyVolts{3.3, 0.1};
 constexpr Limit supplyAmperes{1.5, 0.25};
 constexpr Limit boardCelsius{40, 15};
 
-// The GPS fix: latitude,longitude,altitude,satellites,UTC time.
-constexpr int gpsFields = 5;
+// The GPS receiver's fix, as its sentences give it: 4808.22924,N and 01134.56744,E.
+constexpr double gpsLatitude = 48.137154;
+constexpr double gpsLongitude = 11.576124;
+constexpr double gpsAltitude = 519.0; // metres above mean sea level
+constexpr double gpsDegreeTolerance = 1e-7;
 constexpr int gpsSatellites = 9;
+// The receiver sends its first epoch at once and one a second; an epoch is complete when the
+// next begins, so the first fix comes after about a second.
+constexpr int gpsFirstFixLimitMs = 2500;
 
 // Removing the application releases every device and thread well within this.
 constexpr qint64 shutdownLimitMs = 1000;

@@ -36,8 +36,6 @@ QByteArray frontEndRequest(quint16 commandId)
         return line("FPGA?");
     case ReadCalibrationDate:
         return line("CALDATE?");
-    case ReadGpsFix:
-        return line("GPS?");
     }
     return QByteArray();
 }
@@ -60,7 +58,7 @@ QList<quint16> SimBoardConfiguration::commandIds(const QByteArray &id) const
 {
     if (id == frontEndKey) {
         return {SetFrequency, SetAttenuation, Identify, ReadTemperature, ReadSupplyVoltage, ReadSupplyCurrent,
-            ReadFpgaType, ReadCalibrationDate, ReadGpsFix};
+            ReadFpgaType, ReadCalibrationDate};
     }
     if (id == adcControlKey)
         return {StartStream, StopStream, EnableAdc, ReadAdcRegisters};
@@ -78,8 +76,8 @@ Pal::CommandFormatters SimBoardConfiguration::commandFormatters(const QByteArray
         });
         // One formatter serves every request: it is handed the command id.
         const auto request = [](quint16 commandId, const QVariant &) { return frontEndRequest(commandId); };
-        for (const quint16 commandId : {Identify, ReadTemperature, ReadSupplyVoltage, ReadSupplyCurrent, ReadFpgaType,
-                 ReadCalibrationDate, ReadGpsFix})
+        for (const quint16 commandId :
+            {Identify, ReadTemperature, ReadSupplyVoltage, ReadSupplyCurrent, ReadFpgaType, ReadCalibrationDate})
             formatters.insert(commandId, request);
     } else if (id == adcControlKey) {
         using Adc = SimulatedInstrument;

@@ -23,8 +23,7 @@ enum FrontEndCommand : quint16
     ReadSupplyVoltage = 0x0182,
     ReadSupplyCurrent = 0x0183,
     ReadFpgaType = 0x0184,
-    ReadCalibrationDate = 0x0185,
-    ReadGpsFix = 0x0186
+    ReadCalibrationDate = 0x0185
 };
 
 // The ADC's control registers: commands store registers, requests read them.

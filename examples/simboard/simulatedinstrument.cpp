@@ -34,6 +34,41 @@ QString errorText()
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
+// A line's end as a UART gives it, raw from the start: a pseudo-terminal whose master the
+// instrument holds. Its other end is opened and closed once, so that from then on poll() on
+// the master tells whether anybody holds the line.
+bool openPseudoTerminal(int *master, const QByteArray &port)
+{
+    *master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    char name[128];
+    termios raw{};
+    if (*master < 0 || ::grantpt(*master) < 0 || ::unlockpt(*master) < 0
+        || ::ptsname_r(*master, name, sizeof(name)) != 0 || ::tcgetattr(*master, &raw) < 0)
+        return false;
+    ::cfmakeraw(&raw);
+    ::tcsetattr(*master, TCSANOW, &raw);
+    const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave >= 0)
+        ::close(slave);
+    BoardWiring::connectPort(port, QFile::decodeName(name));
+    return true;
+}
+
+bool awayFrom(int master)
+{
+    pollfd entry{master, 0, 0};
+    return ::poll(&entry, 1, 0) > 0 && (entry.revents & POLLHUP);
+}
+
+// One NMEA sentence: its body between '$' and the checksum, the XOR of the body's bytes.
+QByteArray sentence(const QByteArray &body)
+{
+    char checksum = 0;
+    for (const char c : body)
+        checksum ^= c;
+    return '$' + body + '*' + QByteArray::number(uchar(checksum), 16).toUpper().rightJustified(2, '0') + "\r\n";
+}
+
 bool writeFile(const QString &path, const QByteArray &bytes)
 {
     QFile file(path);
@@ -49,25 +84,20 @@ struct SimulatedInstrument::Line
     int descriptor = -1;
     QByteArray input;
     QByteArray output;
-    bool peerAway = true; // nobody holds the pseudo-terminal's other end
 
     ~Line()
     {
         if (descriptor >= 0)
             ::close(descriptor);
     }
-    // Reads what waits; false when the line failed.
-    bool take()
+    // Reads what waits.
+    void take()
     {
         char chunk[4096];
-        for (;;) {
-            const ssize_t count = ::read(descriptor, chunk, sizeof(chunk));
+        ssize_t count;
+        while ((count = ::read(descriptor, chunk, sizeof(chunk))) > 0 || (count < 0 && errno == EINTR)) {
             if (count > 0)
                 input.append(chunk, int(count));
-            else if (count < 0 && errno != EINTR)
-                return errno == EAGAIN || errno == EWOULDBLOCK;
-            else if (count == 0)
-                return false;
         }
     }
     // Writes what it can without waiting; what is left waits for room.
@@ -108,23 +138,10 @@ bool SimulatedInstrument::start(QString *error)
     if (m_wake < 0)
         return failed(QStringLiteral("an event descriptor"));
 
-    // The front end's UART: a pseudo-terminal whose master the instrument holds, raw from the
-    // start. Its other end is opened and closed once, so that from then on poll() on the
-    // master tells whether anybody holds the line.
     m_frontEnd = std::make_unique<Line>();
-    m_frontEnd->descriptor = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    char name[128];
-    termios raw{};
-    if (m_frontEnd->descriptor < 0 || ::grantpt(m_frontEnd->descriptor) < 0 || ::unlockpt(m_frontEnd->descriptor) < 0
-        || ::ptsname_r(m_frontEnd->descriptor, name, sizeof(name)) != 0
-        || ::tcgetattr(m_frontEnd->descriptor, &raw) < 0)
+    m_gps = std::make_unique<Line>();
+    if (!openPseudoTerminal(&m_frontEnd->descriptor, "frontend") || !openPseudoTerminal(&m_gps->descriptor, "gps"))
         return failed(QStringLiteral("a pseudo-terminal"));
-    ::cfmakeraw(&raw);
-    ::tcsetattr(m_frontEnd->descriptor, TCSANOW, &raw);
-    const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-    if (slave >= 0)
-        ::close(slave);
-    BoardWiring::connectPort("frontend", QFile::decodeName(name));
 
     // The ADC's stream: a FIFO the instrument holds open both ways, so that it never blocks
     // and never ends; read-only for everybody else. A large pipe holds a whole buffer.
@@ -163,13 +180,14 @@ void SimulatedInstrument::stop()
     }
     m_frontEnd.reset();
     m_adc.reset();
+    m_gps.reset();
     for (int *descriptor : {&m_registers, &m_wake}) {
         if (*descriptor >= 0)
             ::close(*descriptor);
         *descriptor = -1;
     }
     if (m_directory) {
-        for (const char *port : {"frontend", "adc", "root"})
+        for (const char *port : {"frontend", "adc", "gps", "root"})
             BoardWiring::connectPort(port, QString());
     }
     m_directory.reset();
@@ -209,6 +227,18 @@ quint64 SimulatedInstrument::samplesDropped() const
     return m_samplesDropped;
 }
 
+QList<QDateTime> SimulatedInstrument::gpsEpochsSent() const
+{
+    const std::lock_guard<std::mutex> lock(m_linesMutex);
+    return unsharedCopy(m_gpsEpochs);
+}
+
+QByteArray SimulatedInstrument::firstGpsEpoch() const
+{
+    const std::lock_guard<std::mutex> lock(m_linesMutex);
+    return m_firstGpsEpoch;
+}
+
 QString SimulatedInstrument::nodePath(const QByteArray &port) const
 {
     return m_directory ? BoardWiring::nodePath(port) : QString();
@@ -235,26 +265,58 @@ void SimulatedInstrument::run()
     while (!m_stopping) {
         const bool hung = m_hangUntilNs - m_clock.nsecsElapsed() > 0;
         // A line nobody holds reports a hang-up at every poll: it is looked at without waiting.
-        pollfd away{m_frontEnd->descriptor, 0, 0};
-        m_frontEnd->peerAway = ::poll(&away, 1, 0) > 0 && (away.revents & POLLHUP);
+        const bool frontEndAway = awayFrom(m_frontEnd->descriptor);
         // A hung front end reads nothing: what is sent to it waits in the line.
         const short frontEndEvents = short((hung ? 0 : POLLIN) | (m_frontEnd->output.isEmpty() ? 0 : POLLOUT));
-        pollfd entries[]
-            = {{m_wake, POLLIN, 0}, {m_frontEnd->peerAway ? -1 : m_frontEnd->descriptor, frontEndEvents, 0},
-                {m_adc->descriptor, short(m_adc->output.isEmpty() ? 0 : POLLOUT), 0}};
+        pollfd entries[] = {{m_wake, POLLIN, 0}, {frontEndAway ? -1 : m_frontEnd->descriptor, frontEndEvents, 0},
+            {m_adc->descriptor, short(m_adc->output.isEmpty() ? 0 : POLLOUT), 0}};
         if (::poll(entries, 3, tickMs) < 0 && errno != EINTR)
             break;
         if (entries[0].revents & POLLIN) {
             eventfd_t count;
             ::eventfd_read(m_wake, &count);
         }
-        if ((entries[1].revents & POLLIN) && m_frontEnd->take() && m_hangUntilNs - m_clock.nsecsElapsed() <= 0)
+        if (entries[1].revents & POLLIN)
+            m_frontEnd->take();
+        // Also what was taken in just as a hang began, once it is over.
+        if (m_hangUntilNs - m_clock.nsecsElapsed() <= 0)
             serveFrontEnd(*m_frontEnd);
         m_frontEnd->flush();
         serveRegisters();
         stream();
         m_adc->flush();
+        serveGps();
     }
+}
+
+// The receiver has a fix at a fixed place; it sends once a second while its line is open, the
+// first epoch shortly after the line was opened (once the opener has set the line up and
+// discarded what waited: the first epoch is not sent into that).
+void SimulatedInstrument::serveGps()
+{
+    const qint64 now = m_clock.nsecsElapsed();
+    if (awayFrom(m_gps->descriptor)) {
+        m_nextEpochNs = -1;
+        m_gps->output.clear();
+        return;
+    }
+    if (m_nextEpochNs < 0)
+        m_nextEpochNs = now + 50 * 1000000;
+    if (now >= m_nextEpochNs) {
+        m_nextEpochNs += 1000000000;
+        QDateTime utc = QDateTime::currentDateTimeUtc();
+        utc.setTime(QTime(utc.time().hour(), utc.time().minute(), utc.time().second()));
+        const QByteArray time = utc.toString(QStringLiteral("hhmmss")).toLatin1() + ".00";
+        const QByteArray epoch = sentence("GPGGA," + time + ",4808.22924,N,01134.56744,E,1,09,0.9,519.0,M,47.0,M,,")
+            + sentence("GPRMC," + time + ",A,4808.22924,N,01134.56744,E,0.0,0.0,"
+                + utc.toString(QStringLiteral("ddMMyy")).toLatin1() + ",,,A");
+        m_gps->output += epoch;
+        const std::lock_guard<std::mutex> lock(m_linesMutex);
+        m_gpsEpochs.append(utc);
+        if (m_firstGpsEpoch.isEmpty())
+            m_firstGpsEpoch = epoch;
+    }
+    m_gps->flush();
 }
 
 void SimulatedInstrument::serveFrontEnd(Line &line)
@@ -284,8 +346,6 @@ QByteArray SimulatedInstrument::answer(const QByteArray &line) const
         return QByteArrayLiteral("XC7Z020-1CLG400C");
     if (line == "CALDATE?")
         return QByteArrayLiteral("2024-03-18");
-    if (line == "GPS?")
-        return QByteArrayLiteral("48.137154,11.576124,519.0,9,2024-03-18T10:15:30Z");
 
     bool ok = false;
     if (line.startsWith("FREQ ")) {

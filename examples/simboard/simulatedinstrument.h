@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QList>
 #include <QString>
@@ -16,9 +17,10 @@ class QTemporaryDir;
 /// directory of its own: a front end on a pseudo-terminal that answers commands and requests
 /// line by line, as a controller on a UART does; an ADC whose control registers are a UIO
 /// block (a sysfs tree and a register image) and which streams a sine wave of 16-bit samples
-/// into a FIFO while enabled. The instrument wires the board's ports "frontend", "adc" and
-/// "root" (the directory that stands for "/") when it starts (see BoardWiring), so the board
-/// must be built after start().
+/// into a FIFO while enabled; a GPS receiver on a pseudo-terminal that sends an NMEA epoch
+/// (GGA and RMC) once a second while its line is open, the first at once. The instrument wires
+/// the board's ports "frontend", "adc", "gps" and "root" (the directory that stands for "/")
+/// when it starts (see BoardWiring), so the board must be built after start().
 class SimulatedInstrument
 {
 public:
@@ -50,6 +52,9 @@ public:
     quint64 samplesSent() const;
     /// Samples that the ADC dropped because nobody read its line.
     quint64 samplesDropped() const;
+    /// The UTC time of every GPS epoch sent, and the sentences of the first.
+    QList<QDateTime> gpsEpochsSent() const;
+    QByteArray firstGpsEpoch() const;
     QString nodePath(const QByteArray &port) const;
     qint64 msecsSinceStart() const;
 
@@ -80,6 +85,7 @@ private:
 
     void run();
     void serveFrontEnd(Line &line);
+    void serveGps();
     void serveRegisters();
     void stream();
     QByteArray answer(const QByteArray &line) const;
@@ -89,6 +95,8 @@ private:
     std::unique_ptr<QTemporaryDir> m_directory;
     std::unique_ptr<Line> m_frontEnd; // the thread's own while it runs
     std::unique_ptr<Line> m_adc;
+    std::unique_ptr<Line> m_gps;
+    qint64 m_nextEpochNs = -1; // the thread's own; -1 while nobody holds the receiver's line
     int m_registers = -1; // the register image
     int m_wake = -1; // eventfd: hangFrontEnd() and stop() interrupt the thread's poll()
     QElapsedTimer m_clock; // started before the thread, then only read
@@ -98,6 +106,8 @@ private:
     std::atomic<quint64> m_samplesDropped{0};
     mutable std::mutex m_linesMutex;
     QList<Received> m_frontEndLines;
+    QList<QDateTime> m_gpsEpochs;
+    QByteArray m_firstGpsEpoch;
     std::thread m_thread;
     // The ADC's stream, the thread's own.
     quint32 m_status = 0;
