@@ -86,7 +86,7 @@ private Q_SLOTS:
         int failures = 0;
         QCOMPARE(proxy.emitted(), withData(proxy, failures));
         QCOMPARE(reporter.reports(), QVector<Report>(failures, Pinned::readFailed).toList());
-        qInfo("%d start/stop cycles, %d reads, %d failed", cycleCount, proxy.reads().size(), failures);
+        qInfo("%d start/stop cycles, %d reads, %d failed", cycleCount, int(proxy.reads().size()), failures);
     }
 
     // The start() right after construction nearly always comes before the worker first parks,
