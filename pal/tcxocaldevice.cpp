@@ -179,7 +179,7 @@ void removeStaleTemporaries(const QFileInfo &file)
     const QStringList entries = directory.entryList({prefix + QLatin1Char('*')}, QDir::Files | QDir::Hidden);
     static const QRegularExpression suffix(QStringLiteral("^[A-Za-z0-9]{6}$"));
     for (const QString &entry : entries) {
-        if (suffix.match(entry.midRef(prefix.size())).hasMatch())
+        if (suffix.match(entry.mid(prefix.size())).hasMatch())
             ::unlink(QFile::encodeName(directory.filePath(entry)).constData());
     }
 }

@@ -2,6 +2,7 @@
 
 #include "toolprocess.h"
 
+#include <QDateTime>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -84,7 +85,8 @@ void TestKrPalDemo::jsonRun()
             reports[ids.last()] = stepReports;
     }
     QCOMPARE(ids.join(' '),
-        "instrument build command request timeout stream tcxo-create tcxo-read tcxo-field self-test gps shutdown");
+        "instrument build command request timeout registers stream tcxo-create tcxo-read tcxo-field self-test gps "
+        "shutdown");
     QCOMPARE(reports,
         (QJsonObject{
             {"command",
@@ -101,13 +103,20 @@ void TestKrPalDemo::jsonRun()
     QVERIFY2(!QFile::exists(tcxoFile), "a temporary calibration file is removed with the run");
     // Whole buffers of the size asked for, summed up in the self-test; the demo itself checks
     // that every sample arrived in order and that the self-test covers every result type.
-    QJsonObject stream = steps[5]["values"].toObject();
+    QCOMPARE(steps[5]["values"],
+        QJsonValue(QJsonObject{
+            {"reset", QJsonArray{0, 0, 0}}, {"enableResult", 8}, {"refused", QJsonArray{1, 0, 2}}, {"stopResult", 8}}));
+    QJsonObject stream = steps[6]["values"].toObject();
     QCOMPARE(stream["samples"].toInt() * 2, stream["buffers"].toInt() * 1000);
     stream["type"] = "Json";
-    QCOMPARE(steps[9]["values"]["selfTest"][10], QJsonValue(stream));
-    QCOMPARE(steps[10]["values"],
-        QJsonValue(QJsonObject{{"latitude", 48.137154}, {"longitude", 11.576124}, {"altitude", 519.0},
-            {"satellites", 9}, {"time", "2024-03-18T10:15:30Z"}, {"valid", true}}));
+    QCOMPARE(steps[10]["values"]["selfTest"][10], QJsonValue(stream));
+    // The fix as the receiver's sentences give it, at the time it sent them.
+    QJsonObject gps = steps[11]["values"].toObject();
+    const QDateTime time = QDateTime::fromString(gps.take("time").toString(), Qt::ISODate);
+    QVERIFY(time.isValid() && qAbs(time.secsTo(QDateTime::currentDateTimeUtc())) < 60);
+    QCOMPARE(gps,
+        (QJsonObject{{"latitude", 48.137154}, {"longitude", 11.576124}, {"altitude", 519.0}, {"satellites", 9},
+            {"valid", true}, {"fix", true}, {"hasDate", true}, {"dropped", 0}}));
 }
 
 // A board's own calibration file: made on the first run, found and read on the second. Text
@@ -122,7 +131,7 @@ void TestKrPalDemo::calibrationFileStaysWhereAsked()
         QCOMPARE(err, QByteArray());
         QCOMPARE(code, 0);
         QVERIFY(!out.contains('\r'));
-        QVERIFY(out.contains("\n\nAll 12 steps behaved as expected, in "));
+        QVERIFY(out.contains("\n\nAll 13 steps behaved as expected, in "));
         QFile file(path);
         QVERIFY(file.open(QIODevice::ReadOnly));
         QCOMPARE(withoutFixTime(file.readAll()), fieldCalibrated);
@@ -136,7 +145,7 @@ void TestKrPalDemo::failedStepsAreNamed()
     QCOMPARE(err, QByteArray("krpal-demo: failed steps: tcxo-create, tcxo-read, tcxo-field\n"));
     QCOMPARE(code, 1);
     QVERIFY(out.contains("\n   FAILED: the file does not hold the nine lines of the factory calibration\n"));
-    QVERIFY(out.endsWith("\n3 of 12 steps failed: tcxo-create, tcxo-read, tcxo-field.\n"));
+    QVERIFY(out.endsWith("\n3 of 13 steps failed: tcxo-create, tcxo-read, tcxo-field.\n"));
 }
 
 void TestKrPalDemo::badOptions_data()

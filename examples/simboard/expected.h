@@ -1,9 +1,12 @@
 #pragma once
 
+#include "simulatedinstrument.h"
+
 #include <crosscutting/crosscutting.h>
 #include <pal/tcxocaldevice.h>
 
 #include <QByteArray>
+#include <QList>
 
 /// What the demo expects at each step, in one place: the steps compare what they see with
 /// these values and nothing else. Results are those an application sees at the library's
@@ -35,8 +38,21 @@ inline const QByteArray hungLine = QByteArrayLiteral("ATT 10.5");
 inline const QByteArray nextLine = QByteArrayLiteral("ATT 6");
 constexpr qint64 nextWritten = 6; // "ATT 6" and its newline
 
-// The stream.
-constexpr qint64 stopStreamWritten = 5; // "STOP" and its newline
+// The ADC's registers (control, rate divider, status): the block's bytes as stored and loaded.
+constexpr int registerSettleMs = 500; // the ADC takes a store within its next tick
+constexpr qint64 registerStoreWritten = 8; // one (offset, value) pair
+constexpr quint32 runningStatus = SimulatedInstrument::Running;
+constexpr quint32 badDividerStatus = SimulatedInstrument::BadDivider;
+inline const QList<quint32> resetRegisters{0, 0, 0};
+inline const QList<quint32> refusedRegisters{1, 0, badDividerStatus}; // enabled without a divider
+
+// The stream, started by a divider and the enable bit, stopped by clearing the bit.
+constexpr qint64 startStreamWritten = 16; // two stores
+constexpr qint64 stopStreamWritten = registerStoreWritten;
+inline quint32 rateDivider(int rate)
+{
+    return quint32(qRound64(double(SimulatedInstrument::clockHz) / rate));
+}
 
 // The calibration that the board leaves the factory with, as written and as read back.
 inline Pal::TcxoCalDevice::TcxoCalFactors factoryCalibration()
@@ -86,9 +102,15 @@ constexpr Limit supplyVolts{3.3, 0.1};
 constexpr Limit supplyAmperes{1.5, 0.25};
 constexpr Limit boardCelsius{40, 15};
 
-// The GPS fix: latitude,longitude,altitude,satellites,UTC time.
-constexpr int gpsFields = 5;
+// The GPS receiver's fix, as its sentences give it: 4808.22924,N and 01134.56744,E.
+constexpr double gpsLatitude = 48.137154;
+constexpr double gpsLongitude = 11.576124;
+constexpr double gpsAltitude = 519.0; // metres above mean sea level
+constexpr double gpsDegreeTolerance = 1e-7;
 constexpr int gpsSatellites = 9;
+// The receiver sends its first epoch at once and one a second; an epoch is complete when the
+// next begins, so the first fix comes after about a second.
+constexpr int gpsFirstFixLimitMs = 2500;
 
 // Removing the application releases every device and thread well within this.
 constexpr qint64 shutdownLimitMs = 1000;

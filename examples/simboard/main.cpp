@@ -8,7 +8,6 @@
 #include <QCoreApplication>
 #include <QJsonDocument>
 
-#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -65,17 +64,16 @@ int main(int argc, char *argv[])
 {
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("krpal-demo"));
-    // A write to a line whose far end has gone must fail, as on a serial line, rather than
-    // end the process: the simulated lines are sockets.
-    std::signal(SIGPIPE, SIG_IGN);
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(
-        QStringLiteral("Runs the KrPal library end to end on a simulated board: builds the board and registers it, "
-                       "sends commands, times one out on a hung device, exchanges requests, streams samples through a "
-                       "data collector, creates, reads and updates the TCXO calibration, reports a self-test and "
-                       "reads a GPS fix. Exits with 0 when every step behaved as expected, 1 when a step failed and "
-                       "2 for a wrong option."));
+    parser.setApplicationDescription(QStringLiteral(
+        "Runs the KrPal library end to end on a simulated board: builds the board and registers it, "
+        "sends commands, times one out on a hung device, exchanges requests, drives the ADC's registers, "
+        "streams samples through a data collector, creates, reads and updates the TCXO calibration, reports a "
+        "self-test and "
+        "reads a GPS fix from NMEA sentences. Exits with 0 when every step behaved as expected, 1 when a step failed "
+        "and "
+        "2 for a wrong option."));
     const QCommandLineOption helpOption = parser.addHelpOption();
     parser.addOptions({
         {QStringLiteral("duration"), QStringLiteral("Stream for <seconds> (default 3)."), QStringLiteral("seconds"),

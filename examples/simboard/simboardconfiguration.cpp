@@ -1,8 +1,9 @@
 #include "simboardconfiguration.h"
 
-#include "adcstreamproxy.h"
-#include "frontendproxy.h"
+#include "boardproxies.h"
+#include "simulatedinstrument.h"
 
+#include <pal/devices/kruioregisters.h>
 #include <pal/tcxocaldevice.h>
 
 #include <QVariant>
@@ -11,7 +12,7 @@ using namespace SimBoard;
 
 namespace {
 
-// Both devices take one text line per command; a command's value follows its keyword.
+// The front end takes one text line per command; a command's value follows its keyword.
 QByteArray line(const char *keyword, const QByteArray &value = QByteArray())
 {
     QByteArray text(keyword);
@@ -35,8 +36,6 @@ QByteArray frontEndRequest(quint16 commandId)
         return line("FPGA?");
     case ReadCalibrationDate:
         return line("CALDATE?");
-    case ReadGpsFix:
-        return line("GPS?");
     }
     return QByteArray();
 }
@@ -52,17 +51,17 @@ SimBoardConfiguration::~SimBoardConfiguration() = default;
 
 QList<QByteArray> SimBoardConfiguration::deviceAbstractionIds() const
 {
-    return {frontEndKey, adcKey, tcxoKey};
+    return {frontEndKey, adcKey, adcControlKey, tcxoKey};
 }
 
 QList<quint16> SimBoardConfiguration::commandIds(const QByteArray &id) const
 {
     if (id == frontEndKey) {
         return {SetFrequency, SetAttenuation, Identify, ReadTemperature, ReadSupplyVoltage, ReadSupplyCurrent,
-            ReadFpgaType, ReadCalibrationDate, ReadGpsFix};
+            ReadFpgaType, ReadCalibrationDate};
     }
-    if (id == adcKey)
-        return {StartStream, StopStream};
+    if (id == adcControlKey)
+        return {StartStream, StopStream, EnableAdc, ReadAdcRegisters};
     return {};
 }
 
@@ -77,13 +76,22 @@ Pal::CommandFormatters SimBoardConfiguration::commandFormatters(const QByteArray
         });
         // One formatter serves every request: it is handed the command id.
         const auto request = [](quint16 commandId, const QVariant &) { return frontEndRequest(commandId); };
-        for (const quint16 commandId : {Identify, ReadTemperature, ReadSupplyVoltage, ReadSupplyCurrent, ReadFpgaType,
-                 ReadCalibrationDate, ReadGpsFix})
+        for (const quint16 commandId :
+            {Identify, ReadTemperature, ReadSupplyVoltage, ReadSupplyCurrent, ReadFpgaType, ReadCalibrationDate})
             formatters.insert(commandId, request);
-    } else if (id == adcKey) {
-        formatters.insert(StartStream,
-            [](quint16, const QVariant &rate) { return line("START", QByteArray::number(rate.toLongLong())); });
-        formatters.insert(StopStream, [](quint16, const QVariant &) { return line("STOP"); });
+    } else if (id == adcControlKey) {
+        using Adc = SimulatedInstrument;
+        formatters.insert(StartStream, [](quint16, const QVariant &rate) {
+            return Pal::KrUioRegisters::writes(
+                {{Adc::RateDivider, quint32(qRound64(double(Adc::clockHz) / rate.toDouble()))}, {Adc::Control, 1}});
+        });
+        formatters.insert(
+            StopStream, [](quint16, const QVariant &) { return Pal::KrUioRegisters::write(Adc::Control, 0); });
+        formatters.insert(
+            EnableAdc, [](quint16, const QVariant &) { return Pal::KrUioRegisters::write(Adc::Control, 1); });
+        formatters.insert(ReadAdcRegisters, [](quint16, const QVariant &) {
+            return Pal::KrUioRegisters::offsets({Adc::Control, Adc::RateDivider, Adc::Status});
+        });
     }
     return formatters;
 }
@@ -94,12 +102,14 @@ QMetaObject SimBoardConfiguration::deviceProxy(const QByteArray &id) const
         return FrontEndProxy::staticMetaObject;
     if (id == adcKey)
         return AdcStreamProxy::staticMetaObject;
+    if (id == adcControlKey)
+        return AdcControlProxy::staticMetaObject;
     return QMetaObject();
 }
 
 QMetaObject SimBoardConfiguration::deviceAbstraction(const QByteArray &id) const
 {
-    if (id == frontEndKey || id == adcKey)
+    if (id == frontEndKey || id == adcKey || id == adcControlKey)
         return Pal::KrDeviceAbstraction::staticMetaObject;
     return QMetaObject();
 }

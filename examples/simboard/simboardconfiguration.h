@@ -9,6 +9,7 @@ namespace SimBoard {
 
 constexpr char frontEndKey[] = "frontend";
 constexpr char adcKey[] = "adc";
+constexpr char adcControlKey[] = "adc-control";
 constexpr char tcxoKey[] = "tcxo";
 
 enum FrontEndCommand : quint16
@@ -22,22 +23,24 @@ enum FrontEndCommand : quint16
     ReadSupplyVoltage = 0x0182,
     ReadSupplyCurrent = 0x0183,
     ReadFpgaType = 0x0184,
-    ReadCalibrationDate = 0x0185,
-    ReadGpsFix = 0x0186
+    ReadCalibrationDate = 0x0185
 };
 
-enum AdcCommand : quint16
+// The ADC's control registers: commands store registers, requests read them.
+enum AdcControlCommand : quint16
 {
-    StartStream = 0x0201, // samples per second
-    StopStream = 0x0202
+    StartStream = 0x0201, // samples per second: the rate divider, then the enable bit
+    StopStream = 0x0202,
+    EnableAdc = 0x0203, // the enable bit alone, with whatever divider is set
+    ReadAdcRegisters = 0x0280 // control, rate divider, status
 };
 
 } // namespace SimBoard
 
-/// The board of the simulated instrument: a front end and an ADC built by the library from
-/// their classes (a proxy on the device's port and the plain device abstraction, with the
-/// commands' formatters), and the TCXO calibration device, which has no invokable constructor
-/// and is built here, over the calibration file given at construction.
+/// The board of the simulated instrument: a front end, an ADC's stream and its control
+/// registers, built by the library from their classes (a proxy on the device's node and the
+/// plain device abstraction, with the commands' formatters), and the TCXO calibration device, which has no invokable
+/// constructor and is built here, over the calibration file given at construction.
 class SimBoardConfiguration : public Pal::KrPalConfiguration
 {
 public:

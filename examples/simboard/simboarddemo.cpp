@@ -38,6 +38,7 @@ void SimBoardDemo::run()
     sendCommand();
     exchangeRequests();
     hangCommand();
+    driveRegisters();
     streamSamples();
     createCalibration();
     readCalibration();

@@ -47,6 +47,7 @@ private:
     void sendCommand();
     void exchangeRequests();
     void hangCommand();
+    void driveRegisters();
     void streamSamples();
     void createCalibration();
     void readCalibration();
@@ -60,6 +61,9 @@ private:
     Pal::TcxoCalDevice *tcxoDevice(const QSharedPointer<Pal::KrPalRoot> &root);
     // A request's answer as text; a null string (and a failed check) when it fails.
     QString request(Pal::KrDeviceAbstraction *frontEnd, quint16 commandId, const QString &name);
+    // The ADC's registers (control, rate divider, status), once the status is @p status or
+    // after a while; empty (and a failed check) when they cannot be read.
+    QList<quint32> adcRegisters(Pal::KrDeviceAbstraction *control, quint32 status);
 
     DemoSettings m_settings;
     RunLog &m_log;

@@ -4,25 +4,27 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTemporaryDir>
+#include <QtEndian>
 
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <vector>
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace {
 
-const QByteArray frontEndPort = QByteArrayLiteral("frontend");
-const QByteArray adcPort = QByteArrayLiteral("adc");
-
-// While streaming, the ADC's line is topped up this often.
-constexpr int streamTickMs = 2;
+// The instrument looks at its registers, and tops up the ADC's stream, this often.
+constexpr int tickMs = 2;
 // Samples queued for a reader that does not keep up; beyond this the ADC drops them, as a
 // real ADC overruns its FIFO.
 constexpr int outputLimitBytes = 512 * 1024;
@@ -32,42 +34,85 @@ QString errorText()
     return QString::fromLocal8Bit(std::strerror(errno));
 }
 
-int listenOn(const QString &nodePath, QString *error)
+// A line's end as a UART gives it, raw from the start: a pseudo-terminal whose master the
+// instrument holds. Its other end is opened and closed once, so that from then on poll() on
+// the master tells whether anybody holds the line.
+bool openPseudoTerminal(int *master, const QByteArray &port)
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const QByteArray path = QFile::encodeName(nodePath);
-    if (size_t(path.size()) >= sizeof(address.sun_path)) {
-        *error = QStringLiteral("the node path %1 is too long for a Unix socket; set TMPDIR to a shorter directory")
-                     .arg(nodePath);
-        return -1;
-    }
-    std::memcpy(address.sun_path, path.constData(), size_t(path.size()));
-    const int descriptor = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (descriptor < 0 || ::bind(descriptor, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) < 0
-        || ::listen(descriptor, 8) < 0) {
-        *error = QStringLiteral("cannot create the node %1: %2").arg(nodePath, errorText());
-        if (descriptor >= 0)
-            ::close(descriptor);
-        return -1;
-    }
-    return descriptor;
+    *master = ::posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    char name[128];
+    termios raw{};
+    if (*master < 0 || ::grantpt(*master) < 0 || ::unlockpt(*master) < 0
+        || ::ptsname_r(*master, name, sizeof(name)) != 0 || ::tcgetattr(*master, &raw) < 0)
+        return false;
+    ::cfmakeraw(&raw);
+    ::tcsetattr(*master, TCSANOW, &raw);
+    const int slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (slave >= 0)
+        ::close(slave);
+    BoardWiring::connectPort(port, QFile::decodeName(name));
+    return true;
+}
+
+bool awayFrom(int master)
+{
+    pollfd entry{master, 0, 0};
+    return ::poll(&entry, 1, 0) > 0 && (entry.revents & POLLHUP);
+}
+
+// One NMEA sentence: its body between '$' and the checksum, the XOR of the body's bytes.
+QByteArray sentence(const QByteArray &body)
+{
+    char checksum = 0;
+    for (const char c : body)
+        checksum ^= c;
+    return '$' + body + '*' + QByteArray::number(uchar(checksum), 16).toUpper().rightJustified(2, '0') + "\r\n";
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return QDir().mkpath(QFileInfo(path).path()) && file.open(QIODevice::WriteOnly)
+        && file.write(bytes) == bytes.size();
 }
 
 } // namespace
 
-struct SimulatedInstrument::Connection
+// One of the instrument's ends of a line: a pseudo-terminal's master, or the FIFO.
+struct SimulatedInstrument::Line
 {
     int descriptor = -1;
-    Port port = Port::FrontEnd;
     QByteArray input;
     QByteArray output;
-    bool closed = false;
-    // The ADC's stream on this line.
-    bool streaming = false;
-    qint64 rate = 0;
-    qint64 streamStartNs = 0;
-    quint64 generated = 0;
+
+    ~Line()
+    {
+        if (descriptor >= 0)
+            ::close(descriptor);
+    }
+    // Reads what waits.
+    void take()
+    {
+        char chunk[4096];
+        ssize_t count;
+        while ((count = ::read(descriptor, chunk, sizeof(chunk))) > 0 || (count < 0 && errno == EINTR)) {
+            if (count > 0)
+                input.append(chunk, int(count));
+        }
+    }
+    // Writes what it can without waiting; what is left waits for room.
+    void flush()
+    {
+        while (!output.isEmpty()) {
+            const ssize_t count = ::write(descriptor, output.constData(), size_t(output.size()));
+            if (count > 0)
+                output.remove(0, int(count));
+            else if (count < 0 && errno == EINTR)
+                continue;
+            else
+                return;
+        }
+    }
 };
 
 SimulatedInstrument::SimulatedInstrument() = default;
@@ -84,17 +129,43 @@ bool SimulatedInstrument::start(QString *error)
         *error = QStringLiteral("cannot create a directory for the device nodes: %1").arg(m_directory->errorString());
         return false;
     }
-    m_wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    m_frontEndListener = listenOn(nodePath(frontEndPort), error);
-    m_adcListener = m_frontEndListener < 0 ? -1 : listenOn(nodePath(adcPort), error);
-    if (m_wake < 0 || m_frontEndListener < 0 || m_adcListener < 0) {
-        if (m_wake < 0)
-            *error = QStringLiteral("cannot create an event descriptor: %1").arg(errorText());
+    const auto failed = [this, error](const QString &what) {
+        *error = QStringLiteral("cannot create %1: %2").arg(what, errorText());
         stop();
         return false;
-    }
-    BoardWiring::connectPort(frontEndPort, nodePath(frontEndPort));
-    BoardWiring::connectPort(adcPort, nodePath(adcPort));
+    };
+    m_wake = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    if (m_wake < 0)
+        return failed(QStringLiteral("an event descriptor"));
+
+    m_frontEnd = std::make_unique<Line>();
+    m_gps = std::make_unique<Line>();
+    if (!openPseudoTerminal(&m_frontEnd->descriptor, "frontend") || !openPseudoTerminal(&m_gps->descriptor, "gps"))
+        return failed(QStringLiteral("a pseudo-terminal"));
+
+    // The ADC's stream: a FIFO the instrument holds open both ways, so that it never blocks
+    // and never ends; read-only for everybody else. A large pipe holds a whole buffer.
+    const QString fifo = m_directory->filePath(QStringLiteral("dev/adc-stream"));
+    m_adc = std::make_unique<Line>();
+    if (!QDir().mkpath(QFileInfo(fifo).path()) || ::mkfifo(QFile::encodeName(fifo).constData(), 0600) < 0
+        || (m_adc->descriptor = ::open(QFile::encodeName(fifo).constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC)) < 0)
+        return failed(fifo);
+    ::chmod(QFile::encodeName(fifo).constData(), 0444);
+    ::fcntl(m_adc->descriptor, F_SETPIPE_SZ, 1024 * 1024);
+    BoardWiring::connectPort("adc", fifo);
+
+    // The ADC's control registers: a UIO block as sysfs and /dev show it, under the
+    // directory that stands for "/", with a register image as its node.
+    const QString root = m_directory->path();
+    const QString registers = root + QStringLiteral("/dev/uio0");
+    if (!writeFile(root + QStringLiteral("/sys/class/uio/uio0/name"), QByteArrayLiteral("adc-ctrl\n"))
+        || !writeFile(root + QStringLiteral("/sys/class/uio/uio0/maps/map0/size"),
+            "0x" + QByteArray::number(blockSize, 16).rightJustified(8, '0') + '\n')
+        || !writeFile(registers, QByteArray(int(blockSize), '\0'))
+        || (m_registers = ::open(QFile::encodeName(registers).constData(), O_RDWR | O_CLOEXEC)) < 0)
+        return failed(registers);
+    BoardWiring::connectPort("root", root);
+
     m_clock.start();
     m_thread = std::thread([this] { run(); });
     return true;
@@ -107,17 +178,17 @@ void SimulatedInstrument::stop()
         wake();
         m_thread.join();
     }
-    for (const Connection &connection : m_connections)
-        ::close(connection.descriptor);
-    m_connections.clear();
-    for (int *descriptor : {&m_frontEndListener, &m_adcListener, &m_wake}) {
+    m_frontEnd.reset();
+    m_adc.reset();
+    m_gps.reset();
+    for (int *descriptor : {&m_registers, &m_wake}) {
         if (*descriptor >= 0)
             ::close(*descriptor);
         *descriptor = -1;
     }
     if (m_directory) {
-        BoardWiring::connectPort(frontEndPort, QString());
-        BoardWiring::connectPort(adcPort, QString());
+        for (const char *port : {"frontend", "adc", "gps", "root"})
+            BoardWiring::connectPort(port, QString());
     }
     m_directory.reset();
 }
@@ -128,10 +199,22 @@ void SimulatedInstrument::hangFrontEnd(int milliseconds)
     wake();
 }
 
+// Copied element by element: the instrument's own list is never shared, so that its next
+// append, on the instrument's thread, never races with a copy's release on the caller's.
+template<typename T>
+QList<T> unsharedCopy(const QList<T> &list)
+{
+    QList<T> copy;
+    copy.reserve(list.size());
+    for (const T &item : list)
+        copy.append(item);
+    return copy;
+}
+
 QList<SimulatedInstrument::Received> SimulatedInstrument::frontEndLines() const
 {
     const std::lock_guard<std::mutex> lock(m_linesMutex);
-    return m_frontEndLines;
+    return unsharedCopy(m_frontEndLines);
 }
 
 quint64 SimulatedInstrument::samplesSent() const
@@ -144,9 +227,21 @@ quint64 SimulatedInstrument::samplesDropped() const
     return m_samplesDropped;
 }
 
+QList<QDateTime> SimulatedInstrument::gpsEpochsSent() const
+{
+    const std::lock_guard<std::mutex> lock(m_linesMutex);
+    return unsharedCopy(m_gpsEpochs);
+}
+
+QByteArray SimulatedInstrument::firstGpsEpoch() const
+{
+    const std::lock_guard<std::mutex> lock(m_linesMutex);
+    return m_firstGpsEpoch;
+}
+
 QString SimulatedInstrument::nodePath(const QByteArray &port) const
 {
-    return m_directory ? m_directory->filePath(QLatin1String(port)) : QString();
+    return m_directory ? BoardWiring::nodePath(port) : QString();
 }
 
 qint64 SimulatedInstrument::msecsSinceStart() const
@@ -167,109 +262,73 @@ qint16 SimulatedInstrument::sample(quint64 index)
 
 void SimulatedInstrument::run()
 {
-    std::vector<pollfd> entries;
     while (!m_stopping) {
-        const qint64 now = m_clock.nsecsElapsed();
-        const qint64 hangLeftNs = m_hangUntilNs - now;
-        const bool hung = hangLeftNs > 0;
-        bool streaming = false;
-
-        entries.assign({{m_wake, POLLIN, 0}, {m_frontEndListener, POLLIN, 0}, {m_adcListener, POLLIN, 0}});
-        for (const Connection &connection : m_connections) {
-            short events = 0;
-            // A hung front end reads nothing: what is sent to it waits in the line.
-            if (!(hung && connection.port == Port::FrontEnd))
-                events |= POLLIN;
-            if (!connection.output.isEmpty())
-                events |= POLLOUT;
-            entries.push_back({connection.descriptor, events, 0});
-            streaming |= connection.streaming;
-        }
-        int timeoutMs = streaming ? streamTickMs : -1;
-        if (hung) {
-            const int hangLeftMs = int(hangLeftNs / 1000000) + 1;
-            timeoutMs = timeoutMs < 0 ? hangLeftMs : qMin(timeoutMs, hangLeftMs);
-        }
-        if (::poll(entries.data(), entries.size(), timeoutMs) < 0 && errno != EINTR)
+        const bool hung = m_hangUntilNs - m_clock.nsecsElapsed() > 0;
+        // A line nobody holds reports a hang-up at every poll: it is looked at without waiting.
+        const bool frontEndAway = awayFrom(m_frontEnd->descriptor);
+        // A hung front end reads nothing: what is sent to it waits in the line.
+        const short frontEndEvents = short((hung ? 0 : POLLIN) | (m_frontEnd->output.isEmpty() ? 0 : POLLOUT));
+        pollfd entries[] = {{m_wake, POLLIN, 0}, {frontEndAway ? -1 : m_frontEnd->descriptor, frontEndEvents, 0},
+            {m_adc->descriptor, short(m_adc->output.isEmpty() ? 0 : POLLOUT), 0}};
+        if (::poll(entries, 3, tickMs) < 0 && errno != EINTR)
             break;
-
         if (entries[0].revents & POLLIN) {
             eventfd_t count;
             ::eventfd_read(m_wake, &count);
         }
-        const bool stillHung = m_hangUntilNs - m_clock.nsecsElapsed() > 0;
-        for (size_t i = 0; i < m_connections.size(); ++i) {
-            Connection &connection = m_connections[i];
-            const short revents = entries[i + 3].revents;
-            if ((revents & POLLIN) && !takeInput(connection))
-                connection.closed = true;
-            if (revents & (POLLHUP | POLLERR | POLLNVAL))
-                connection.closed = true;
-            if (connection.closed)
-                continue;
-            if (connection.port == Port::FrontEnd && !stillHung)
-                serveFrontEnd(connection);
-            if (connection.port == Port::Adc) {
-                serveAdc(connection);
-                stream(connection);
-            }
-            if (!flush(connection))
-                connection.closed = true;
-        }
-        for (auto it = m_connections.begin(); it != m_connections.end();) {
-            if (it->closed) {
-                ::close(it->descriptor);
-                it = m_connections.erase(it);
-            } else {
-                ++it;
-            }
-        }
-        // New lines last: the entries above were polled for the connections as they were.
         if (entries[1].revents & POLLIN)
-            accept(m_frontEndListener, Port::FrontEnd);
-        if (entries[2].revents & POLLIN)
-            accept(m_adcListener, Port::Adc);
+            m_frontEnd->take();
+        // Also what was taken in just as a hang began, once it is over.
+        if (m_hangUntilNs - m_clock.nsecsElapsed() <= 0)
+            serveFrontEnd(*m_frontEnd);
+        m_frontEnd->flush();
+        serveRegisters();
+        stream();
+        m_adc->flush();
+        serveGps();
     }
 }
 
-void SimulatedInstrument::accept(int listener, Port port)
+// The receiver has a fix at a fixed place; it sends once a second while its line is open, the
+// first epoch shortly after the line was opened (once the opener has set the line up and
+// discarded what waited: the first epoch is not sent into that).
+void SimulatedInstrument::serveGps()
 {
-    for (;;) {
-        const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-        if (descriptor < 0)
-            return;
-        Connection connection;
-        connection.descriptor = descriptor;
-        connection.port = port;
-        m_connections.push_back(std::move(connection));
+    const qint64 now = m_clock.nsecsElapsed();
+    if (awayFrom(m_gps->descriptor)) {
+        m_nextEpochNs = -1;
+        m_gps->output.clear();
+        return;
     }
+    if (m_nextEpochNs < 0)
+        m_nextEpochNs = now + 50 * 1000000;
+    if (now >= m_nextEpochNs) {
+        m_nextEpochNs += 1000000000;
+        QDateTime utc = QDateTime::currentDateTimeUtc();
+        utc.setTime(QTime(utc.time().hour(), utc.time().minute(), utc.time().second()));
+        const QByteArray time = utc.toString(QStringLiteral("hhmmss")).toLatin1() + ".00";
+        const QByteArray epoch = sentence("GPGGA," + time + ",4808.22924,N,01134.56744,E,1,09,0.9,519.0,M,47.0,M,,")
+            + sentence("GPRMC," + time + ",A,4808.22924,N,01134.56744,E,0.0,0.0,"
+                + utc.toString(QStringLiteral("ddMMyy")).toLatin1() + ",,,A");
+        m_gps->output += epoch;
+        const std::lock_guard<std::mutex> lock(m_linesMutex);
+        m_gpsEpochs.append(utc);
+        if (m_firstGpsEpoch.isEmpty())
+            m_firstGpsEpoch = epoch;
+    }
+    m_gps->flush();
 }
 
-bool SimulatedInstrument::takeInput(Connection &connection)
+void SimulatedInstrument::serveFrontEnd(Line &line)
 {
-    char chunk[4096];
-    for (;;) {
-        const ssize_t count = ::read(connection.descriptor, chunk, sizeof(chunk));
-        if (count > 0) {
-            connection.input.append(chunk, int(count));
-            continue;
-        }
-        if (count < 0 && errno == EINTR)
-            continue;
-        return count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-    }
-}
-
-void SimulatedInstrument::serveFrontEnd(Connection &connection)
-{
-    for (int end = connection.input.indexOf('\n'); end >= 0; end = connection.input.indexOf('\n')) {
-        const QByteArray line = connection.input.left(end);
-        connection.input.remove(0, end + 1);
+    for (int end = line.input.indexOf('\n'); end >= 0; end = line.input.indexOf('\n')) {
+        const QByteArray text = line.input.left(end);
+        line.input.remove(0, end + 1);
         {
             const std::lock_guard<std::mutex> lock(m_linesMutex);
-            m_frontEndLines.append({line, m_clock.elapsed()});
+            m_frontEndLines.append({text, m_clock.elapsed()});
         }
-        connection.output += answer(line) + '\n';
+        line.output += answer(text) + '\n';
     }
 }
 
@@ -287,8 +346,6 @@ QByteArray SimulatedInstrument::answer(const QByteArray &line) const
         return QByteArrayLiteral("XC7Z020-1CLG400C");
     if (line == "CALDATE?")
         return QByteArrayLiteral("2024-03-18");
-    if (line == "GPS?")
-        return QByteArrayLiteral("48.137154,11.576124,519.0,9,2024-03-18T10:15:30Z");
 
     bool ok = false;
     if (line.startsWith("FREQ ")) {
@@ -304,67 +361,61 @@ QByteArray SimulatedInstrument::answer(const QByteArray &line) const
     return QByteArrayLiteral("ERR unknown command");
 }
 
-void SimulatedInstrument::serveAdc(Connection &connection)
+quint32 SimulatedInstrument::readRegister(Register offset) const
 {
-    for (int end = connection.input.indexOf('\n'); end >= 0; end = connection.input.indexOf('\n')) {
-        const QByteArray line = connection.input.left(end);
-        connection.input.remove(0, end + 1);
-        bool ok = false;
-        if (line.startsWith("START ")) {
-            const qint64 rate = line.mid(6).toLongLong(&ok);
-            if (ok && rate >= minimumRate && rate <= maximumRate) {
-                connection.streaming = true;
-                connection.rate = rate;
-                connection.streamStartNs = m_clock.nsecsElapsed();
-                connection.generated = 0;
-            }
-        } else if (line == "STOP") {
-            connection.streaming = false;
-        }
+    uchar bytes[4] = {};
+    return ::pread(m_registers, bytes, 4, offset) == 4 ? qFromLittleEndian<quint32>(bytes) : 0;
+}
+
+// The ADC's logic: it streams while enabled, at the rate its divider gives, which it takes
+// when enabled; a divider that gives no rate between the limits is refused in the status.
+void SimulatedInstrument::serveRegisters()
+{
+    const bool enabled = readRegister(Control) & 1;
+    quint32 status = m_status;
+    if (!enabled) {
+        status = 0;
+    } else if (status == 0) {
+        m_divider = readRegister(RateDivider);
+        const bool good = m_divider > 0 && clockHz / m_divider >= minimumRate && clockHz / m_divider <= maximumRate;
+        status = good ? Running : BadDivider;
+        m_streamStartNs = m_clock.nsecsElapsed();
+        m_generated = 0;
+    }
+    if (status != m_status) {
+        m_status = status;
+        uchar bytes[4];
+        qToLittleEndian(status, bytes);
+        ::pwrite(m_registers, bytes, 4, Status);
     }
 }
 
-void SimulatedInstrument::stream(Connection &connection)
+void SimulatedInstrument::stream()
 {
-    if (!connection.streaming)
+    if (m_status != Running)
         return;
     // In microseconds, the product stays far within 64 bits for any run of the demo.
-    const qint64 elapsedUs = (m_clock.nsecsElapsed() - connection.streamStartNs) / 1000;
-    const quint64 due = quint64(elapsedUs * connection.rate / 1000000);
-    if (due <= connection.generated)
+    const qint64 elapsedUs = (m_clock.nsecsElapsed() - m_streamStartNs) / 1000;
+    const auto due = quint64(elapsedUs * clockHz / (qint64(m_divider) * 1000000));
+    if (due <= m_generated)
         return;
-    const quint64 count = due - connection.generated;
-    if (connection.output.size() > outputLimitBytes) {
-        connection.generated = due;
+    const quint64 count = due - m_generated;
+    QByteArray &output = m_adc->output;
+    if (output.size() > outputLimitBytes) {
+        m_generated = due;
         m_samplesDropped += count;
         return;
     }
-    const int start = connection.output.size();
-    connection.output.resize(start + int(count) * 2);
-    char *bytes = connection.output.data() + start;
+    const int start = output.size();
+    output.resize(start + int(count) * 2);
+    char *bytes = output.data() + start;
     for (quint64 i = 0; i < count; ++i) {
-        const quint16 value = quint16(sample(connection.generated + i));
+        const quint16 value = quint16(sample(m_generated + i));
         bytes[2 * i] = char(value & 0xff); // little endian, as the ADC's DMA writes them
         bytes[2 * i + 1] = char(value >> 8);
     }
-    connection.generated = due;
+    m_generated = due;
     m_samplesSent += count;
-}
-
-bool SimulatedInstrument::flush(Connection &connection)
-{
-    while (!connection.output.isEmpty()) {
-        const ssize_t count
-            = ::write(connection.descriptor, connection.output.constData(), size_t(connection.output.size()));
-        if (count > 0) {
-            connection.output.remove(0, int(count));
-            continue;
-        }
-        if (count < 0 && errno == EINTR)
-            continue;
-        return count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
-    }
-    return true;
 }
 
 void SimulatedInstrument::wake()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QList>
 #include <QString>
@@ -9,15 +10,17 @@
 #include <memory>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 class QTemporaryDir;
 
-/// The instrument that the demo runs against, on a thread of its own: a front end that
-/// answers commands and requests line by line, and an ADC that streams a sine wave of 16-bit
-/// samples once told to. Each sits behind a device node, a Unix socket in a directory of its
-/// own, and the instrument wires the board's ports "frontend" and "adc" to those nodes when it
-/// starts (see BoardWiring), so the board must be built after start().
+/// The instrument that the demo runs against, on a thread of its own, with its nodes in a
+/// directory of its own: a front end on a pseudo-terminal that answers commands and requests
+/// line by line, as a controller on a UART does; an ADC whose control registers are a UIO
+/// block (a sysfs tree and a register image) and which streams a sine wave of 16-bit samples
+/// into a FIFO while enabled; a GPS receiver on a pseudo-terminal that sends an NMEA epoch
+/// (GGA and RMC) once a second while its line is open, the first at once. The instrument wires
+/// the board's ports "frontend", "adc", "gps" and "root" (the directory that stands for "/")
+/// when it starts (see BoardWiring), so the board must be built after start().
 class SimulatedInstrument
 {
 public:
@@ -49,6 +52,9 @@ public:
     quint64 samplesSent() const;
     /// Samples that the ADC dropped because nobody read its line.
     quint64 samplesDropped() const;
+    /// The UTC time of every GPS epoch sent, and the sentences of the first.
+    QList<QDateTime> gpsEpochsSent() const;
+    QByteArray firstGpsEpoch() const;
     QString nodePath(const QByteArray &port) const;
     qint64 msecsSinceStart() const;
 
@@ -59,29 +65,40 @@ public:
     static constexpr int minimumRate = 1;
     static constexpr int maximumRate = 1000000;
 
-private:
-    enum class Port
+    /// The ADC's control registers: byte offsets in the block, and their bits.
+    enum Register : quint32
     {
-        FrontEnd,
-        Adc
+        Control = 0x00, // bit 0: enable
+        RateDivider = 0x04, // the sample rate is clockHz divided by this
+        Status = 0x08 // read-only: Running or BadDivider
     };
-    struct Connection;
+    enum StatusBit : quint32
+    {
+        Running = 0x1,
+        BadDivider = 0x2 // enabled with a divider that gives no rate between the limits
+    };
+    static constexpr quint32 blockSize = 0x1000;
+    static constexpr qint64 clockHz = 96000000;
+
+private:
+    struct Line;
 
     void run();
-    void accept(int listener, Port port);
-    bool takeInput(Connection &connection);
-    void serveFrontEnd(Connection &connection);
-    void serveAdc(Connection &connection);
-    void stream(Connection &connection);
-    bool flush(Connection &connection);
+    void serveFrontEnd(Line &line);
+    void serveGps();
+    void serveRegisters();
+    void stream();
     QByteArray answer(const QByteArray &line) const;
+    quint32 readRegister(Register offset) const;
     void wake();
 
     std::unique_ptr<QTemporaryDir> m_directory;
-    int m_frontEndListener = -1;
-    int m_adcListener = -1;
+    std::unique_ptr<Line> m_frontEnd; // the thread's own while it runs
+    std::unique_ptr<Line> m_adc;
+    std::unique_ptr<Line> m_gps;
+    qint64 m_nextEpochNs = -1; // the thread's own; -1 while nobody holds the receiver's line
+    int m_registers = -1; // the register image
     int m_wake = -1; // eventfd: hangFrontEnd() and stop() interrupt the thread's poll()
-    std::vector<Connection> m_connections; // the thread's own
     QElapsedTimer m_clock; // started before the thread, then only read
     std::atomic<qint64> m_hangUntilNs{0};
     std::atomic<bool> m_stopping{false};
@@ -89,5 +106,12 @@ private:
     std::atomic<quint64> m_samplesDropped{0};
     mutable std::mutex m_linesMutex;
     QList<Received> m_frontEndLines;
+    QList<QDateTime> m_gpsEpochs;
+    QByteArray m_firstGpsEpoch;
     std::thread m_thread;
+    // The ADC's stream, the thread's own.
+    quint32 m_status = 0;
+    quint32 m_divider = 0;
+    qint64 m_streamStartNs = 0;
+    quint64 m_generated = 0;
 };

@@ -6,8 +6,8 @@
 #include "simboarddemo.h"
 #include "steps/stepsupport.h"
 
-#include "portproxy.h"
-
+#include <pal/devices/krserialdeviceproxy.h>
+#include <pal/devices/kruiodeviceproxy.h>
 #include <pal/krdeviceabstraction.h>
 #include <pal/krpalapplicationmanager.h>
 #include <pal/krpalroot.h>
@@ -29,12 +29,15 @@ void SimBoardDemo::startInstrument()
     if (m_log.check(m_instrument.start(&error), error)) {
         const QString frontEnd = m_instrument.nodePath("frontend");
         const QString adc = m_instrument.nodePath("adc");
-        m_log.say(QStringLiteral("Its front end answers on %1 and its ADC streams on %2: Unix sockets standing "
-                                 "for the board's serial line and ADC device node, served by the instrument's "
-                                 "own thread.")
-                      .arg(frontEnd, adc));
+        const QString root = m_instrument.nodePath("root");
+        m_log.say(QStringLiteral("Its front end answers on the pseudo-terminal %1, as on a UART; its ADC streams "
+                                 "into the FIFO %2 and has its control registers in the UIO block \"adc-ctrl\" of "
+                                 "the tree %3 (sys/class/uio/uio0 and the register image dev/uio0). The "
+                                 "instrument's own thread serves them.")
+                      .arg(frontEnd, adc, root));
         m_log.record(QStringLiteral("frontEndNode"), frontEnd);
         m_log.record(QStringLiteral("adcNode"), adc);
+        m_log.record(QStringLiteral("root"), root);
     }
     m_log.end();
 }
@@ -66,11 +69,21 @@ void SimBoardDemo::buildBoard()
         if (!m_log.check(device, QStringLiteral("no device under the key %1").arg(quoted(key))))
             continue;
         const QString className = QString::fromLatin1(device->metaObject()->className());
-        const auto *proxy = device->findChild<PortProxy *>(QString(), Qt::FindDirectChildrenOnly);
-        if (proxy) {
-            m_log.say(QStringLiteral("  %1: %2 over %3, on the port's node (built by class name)")
-                          .arg(quoted(key), className, QString::fromLatin1(proxy->metaObject()->className())));
-            m_log.check(proxy->isOpen(), QStringLiteral("the proxy of %1 could not open its port").arg(quoted(key)));
+        const auto *proxy = device->findChild<Pal::KrAbstractDeviceProxy *>(QString(), Qt::FindDirectChildrenOnly);
+        const auto *node = qobject_cast<const Pal::KrFileDeviceProxy *>(proxy);
+        const auto *block = qobject_cast<const Pal::KrUioDeviceProxy *>(proxy);
+        if (node || block) {
+            const auto *serial = qobject_cast<const Pal::KrSerialDeviceProxy *>(proxy);
+            m_log.say(QStringLiteral("  %1: %2 over %3, a %4 on %5 (built by class name)")
+                          .arg(quoted(key), className, QString::fromLatin1(proxy->metaObject()->className()),
+                              QString::fromLatin1(proxy->metaObject()->superClass()->className()),
+                              serial     ? QStringLiteral("%1 at %2 baud").arg(node->path()).arg(serial->baudRate())
+                                  : node ? node->path()
+                                         : QStringLiteral("the UIO block \"adc-ctrl\", %1 bytes of registers")
+                                               .arg(block->mapSize())));
+            m_log.check(node ? node->isOpen() : block->isOpen(),
+                QStringLiteral("the proxy of %1 could not open its node: %2")
+                    .arg(quoted(key), node ? node->errorString() : block->errorString()));
         } else {
             m_log.say(QStringLiteral("  %1: %2 over the file %3 (built by the configuration itself)")
                           .arg(quoted(key), className, m_tcxoFile));
@@ -101,7 +114,8 @@ void SimBoardDemo::buildBoard()
                              "to the root; loaded(%1) is %2.")
                   .arg(quoted(applicationName), loaded ? QStringLiteral("true") : QStringLiteral("false")));
     m_log.record(QStringLiteral("devices"),
-        QJsonArray{QLatin1String(frontEndKey), QLatin1String(adcKey), QLatin1String(tcxoKey)});
+        QJsonArray{
+            QLatin1String(frontEndKey), QLatin1String(adcKey), QLatin1String(adcControlKey), QLatin1String(tcxoKey)});
     m_log.record(QStringLiteral("tcxoFile"), m_tcxoFile);
     m_log.end();
 }

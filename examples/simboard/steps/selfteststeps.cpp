@@ -1,4 +1,4 @@
-// What an application reports: a self-test of every result type, and a GPS fix.
+// What an application reports: a self-test of every result type.
 
 #include "expected.h"
 #include "runlog.h"
@@ -10,7 +10,6 @@
 #include <pal/krdatetestresult.h>
 #include <pal/krdeviceabstraction.h>
 #include <pal/krfpgatypetestresult.h>
-#include <pal/krgpsinfo.h>
 #include <pal/krinfotestresult.h>
 #include <pal/krjsontestresult.h>
 #include <pal/krnumerictestresult.h>
@@ -21,9 +20,6 @@
 #include <pal/krversiontestresult.h>
 #include <pal/krvoltagetestresult.h>
 
-#include <QDateTime>
-#include <QGeoCoordinate>
-#include <QGeoPositionInfo>
 #include <QJsonDocument>
 #include <QMetaEnum>
 #include <QSet>
@@ -96,44 +92,5 @@ void SimBoardDemo::runSelfTest()
         allTypes.insert(QString::fromLatin1(typeEnum.key(i)));
     m_log.check(types == allTypes, QStringLiteral("the report should cover every result type"));
     m_log.check(failed.isEmpty(), QStringLiteral("self-test results failed: ") + failed.join(QLatin1String(", ")));
-    m_log.end();
-}
-
-void SimBoardDemo::readGpsFix()
-{
-    m_log.begin(QStringLiteral("gps"), QStringLiteral("Read a GPS fix"));
-    const QSharedPointer<Pal::KrPalRoot> root = Pal::KrPalApplicationManager::application(applicationName);
-    Pal::KrDeviceAbstraction *frontEnd = device(root, frontEndKey);
-    if (!frontEnd) {
-        m_log.end();
-        return;
-    }
-    // latitude,longitude,altitude,satellites,UTC time
-    const QStringList fields = request(frontEnd, ReadGpsFix, QStringLiteral("ReadGpsFix")).split(QLatin1Char(','));
-    if (!m_log.check(fields.size() == Expected::gpsFields, QStringLiteral("the fix should have five fields"))) {
-        m_log.end();
-        return;
-    }
-    const QGeoCoordinate coordinate(fields[0].toDouble(), fields[1].toDouble(), fields[2].toDouble());
-    const QDateTime time = QDateTime::fromString(fields[4], Qt::ISODate);
-    const Pal::KrGpsInfo fix(QGeoPositionInfo(coordinate, time), true, fields[3].toUShort(), time.isValid());
-
-    const QGeoPositionInfo position = fix.getGpsPostionInfo();
-    m_log.say(QStringLiteral("KrGpsInfo: %1 at %2, %3 satellites; valid: %4, fix: %5, with date: %6.")
-                  .arg(position.coordinate().toString(QGeoCoordinate::DegreesWithHemisphere),
-                      position.timestamp().toString(Qt::ISODate))
-                  .arg(fix.getNumberSatellites())
-                  .arg(fix.isValid() ? QStringLiteral("yes") : QStringLiteral("no"),
-                      fix.getGpsFix() ? QStringLiteral("yes") : QStringLiteral("no"),
-                      fix.hasDate() ? QStringLiteral("yes") : QStringLiteral("no")));
-    m_log.check(
-        fix.isValid() && fix.getGpsFix() && fix.getNumberSatellites() == Expected::gpsSatellites && fix.hasDate(),
-        QStringLiteral("the fix should be valid, with 9 satellites and a date"));
-    m_log.record(QStringLiteral("latitude"), position.coordinate().latitude());
-    m_log.record(QStringLiteral("longitude"), position.coordinate().longitude());
-    m_log.record(QStringLiteral("altitude"), position.coordinate().altitude());
-    m_log.record(QStringLiteral("satellites"), fix.getNumberSatellites());
-    m_log.record(QStringLiteral("time"), position.timestamp().toString(Qt::ISODate));
-    m_log.record(QStringLiteral("valid"), fix.isValid());
     m_log.end();
 }

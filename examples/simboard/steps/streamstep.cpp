@@ -104,14 +104,28 @@ void SimBoardDemo::streamSamples()
             samples.take(buffer);
     };
 
-    const qint64 started = adc->write(StartStream, m_settings.rate);
-    m_log.say(QStringLiteral("write(StartStream, %1) returned %2: the ADC streams a sine wave of %3 samples a "
-                             "period, 16 bits a sample.")
+    Pal::KrDeviceAbstraction *control = device(root, adcControlKey);
+    const qint64 started = control ? control->write(StartStream, m_settings.rate) : -1;
+    const QList<quint32> running = control ? adcRegisters(control, Expected::runningStatus) : QList<quint32>();
+    const quint32 divider = Expected::rateDivider(m_settings.rate);
+    const double rate = double(SimulatedInstrument::clockHz) / divider;
+    m_log.say(QStringLiteral("write(StartStream, %1) returned %2: the formatter stored the rate divider, %3 of the "
+                             "ADC's %4 MHz clock, then the enable bit. The registers read %5: the ADC streams a sine "
+                             "wave of %6 samples a period, 16 bits a sample, at %7 samples/s.")
                   .arg(m_settings.rate)
                   .arg(started)
-                  .arg(SimulatedInstrument::samplesPerPeriod));
-    m_log.check(started == QByteArray("START " + QByteArray::number(m_settings.rate) + '\n').size(),
-        QStringLiteral("starting the stream should return the bytes written"));
+                  .arg(divider)
+                  .arg(SimulatedInstrument::clockHz / 1000000)
+                  .arg(running.size() == 3 ? QStringLiteral("control %1, rate divider %2, status %3 (running)")
+                                                 .arg(running[0])
+                                                 .arg(running[1])
+                                                 .arg(running[2])
+                                           : QStringLiteral("nothing"))
+                  .arg(SimulatedInstrument::samplesPerPeriod)
+                  .arg(rate, 0, 'g', 7));
+    m_log.check(
+        started == Expected::startStreamWritten && running == QList<quint32>{1, divider, Expected::runningStatus},
+        QStringLiteral("starting the stream should store the divider and the enable bit, and the ADC run"));
 
     collector->start();
     QElapsedTimer clock;
@@ -137,7 +151,7 @@ void SimBoardDemo::streamSamples()
     const double seconds = double(clock.nsecsElapsed()) / 1e9;
     m_log.endProgress();
 
-    const qint64 stopped = adc->write(StopStream, QVariant());
+    const qint64 stopped = control ? control->write(StopStream, QVariant()) : -1;
     m_log.check(
         stopped == Expected::stopStreamWritten, QStringLiteral("stopping the stream should return the bytes written"));
     // Once the collector is gone its thread has ended, and every buffer it emitted is queued.
@@ -146,25 +160,25 @@ void SimBoardDemo::streamSamples()
     QObject::disconnect(announcement);
 
     const quint64 bytes = samples.buffers * quint64(m_settings.bufferSize);
-    const double expectedBytes = double(m_settings.rate) * 2 * seconds;
+    const double expectedBytes = rate * 2 * seconds;
     // Half the rate at least, in whole buffers: the collector keeps up with far more.
     const auto minimumBuffers = quint64(expectedBytes / 2 / m_settings.bufferSize);
     m_log.say(QStringLiteral("Collected for %1 s: %2 buffers of %3 bytes, %4 bytes, %5 kB/s, %6 samples/s of the "
-                             "%7 configured.")
+                             "%7 the divider gives.")
                   .arg(seconds, 0, 'f', 2)
                   .arg(samples.buffers)
                   .arg(m_settings.bufferSize)
                   .arg(bytes)
                   .arg(double(bytes) / seconds / 1000, 0, 'f', 1)
                   .arg(qRound64(double(samples.samples) / seconds))
-                  .arg(m_settings.rate));
+                  .arg(rate, 0, 'g', 7));
     if (samples.mismatches == 0) {
         m_log.say(QStringLiteral("Every one of the %1 samples continues the sine wave: nothing was lost, doubled or "
                                  "reordered between the instrument's thread, the collector's and this one.")
                       .arg(samples.samples));
     }
-    m_log.say(QStringLiteral("The adc device abstraction announced each buffer with rawDataReady, forwarded from "
-                             "its proxy on the collector's thread: %1 times.")
+    m_log.say(QStringLiteral("The adc device abstraction announced waiting input with rawDataReady, forwarded from "
+                             "its proxy's watch on this thread, %1 times: once, and again after each buffer taken.")
                   .arg(announced.load()));
     if (minimumBuffers == 0)
         m_log.say(QStringLiteral("The run was too short to be sure of filling one buffer."));
@@ -174,8 +188,8 @@ void SimBoardDemo::streamSamples()
         QStringLiteral("%1 samples do not continue the sine wave, the first at sample %2")
             .arg(samples.mismatches)
             .arg(samples.firstMismatch));
-    m_log.check(quint64(announced.load()) == samples.buffers,
-        QStringLiteral("%1 buffers were announced but %2 arrived").arg(announced.load()).arg(samples.buffers));
+    m_log.check(quint64(announced.load()) <= samples.buffers + 1 && (samples.buffers == 0 || announced.load() > 0),
+        QStringLiteral("input was announced %1 times for %2 buffers").arg(announced.load()).arg(samples.buffers));
     m_log.check(m_instrument.samplesDropped() == 0,
         QStringLiteral("the ADC dropped %1 samples that nobody read").arg(m_instrument.samplesDropped()));
 
