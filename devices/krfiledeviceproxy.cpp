@@ -546,8 +546,11 @@ bool KrFileDeviceProxy::openLocked()
 void KrFileDeviceProxy::closeLocked()
 {
     // Output a gone device will never take is dropped, so that closing a tty does not wait
-    // for it to drain.
-    ::tcflush(m_descriptor, TCOFLUSH);
+    // for it to drain. Only what the driver still holds: a pseudo-terminal has handed every
+    // byte written to its other end, and a flush there would take back bytes reported sent.
+    int unsent = 0;
+    if (::ioctl(m_descriptor, TIOCOUTQ, &unsent) == 0 && unsent > 0)
+        ::tcflush(m_descriptor, TCOFLUSH);
     ::close(m_descriptor);
     m_descriptor = -1;
     ++m_generation;

@@ -4,14 +4,19 @@
 # must be byte for byte the old record or the new one, no temporary file may be left beside
 # it (after a kill, at most the killed writer's own, which the next write removes), the exit
 # status must say whether the file changed (0 changed, 1 left as it was), and a failure's
-# message must name the step that failed with the errno that was injected there.
+# message must name the step that failed with the errno that was injected there. Then the file
+# and serial device proxies under read, write and poll failures (fault/proxy_faults, which
+# checks its invariants itself: every failure -1 or retried, no hang, no byte lost or doubled
+# in what was reported sent).
 #
-#   scripts/run-fault-injection.sh [--quick] [--runs N] [--kills N] [--seed N]
+#   scripts/run-fault-injection.sh [--quick] [--runs N] [--kills N] [--proxy-runs N] [--seed N]
 #
-# Without --driver it installs what is missing, builds tests/tcxocal_faults in build/ and runs
-# the full length: N runs (default 300) of each command at each of four failure probabilities
-# (and N/4 creates into a new directory), and N kills (default 1000). --quick is CTest's short
-# run: 4 runs per command and probability, 20 kills.
+# Without --driver it installs what is missing, builds fault/tcxocal_faults and
+# fault/proxy_faults in build/ and runs the full length: N runs (default 300) of each command at
+# each of four failure probabilities (and N/4 creates into a new directory), N kills (default
+# 1000), and N proxy runs (default 5) of 1000 operations per proxy at each probability.
+# --quick is CTest's short run: 4 runs per command and probability, 20 kills, one proxy run of
+# 200 operations per proxy and probability.
 #
 # Failures are injected with libfiu: fiu-run -x preloads its POSIX wrappers, and the driver
 # (tcxocal_faults, which runs the tool's own code) enables the failure points only after
@@ -22,26 +27,32 @@ cd "$(dirname "$0")/.."
 
 runs=300
 kills=1000
+proxyRuns=5
+proxyOps=1000
 seed=1
 driver=""
+proxyDriver=""
 work=""
 while [ $# -gt 0 ]; do
     case "$1" in
-        --quick) runs=4; kills=20; shift ;;
+        --quick) runs=4; kills=20; proxyRuns=1; proxyOps=200; shift ;;
+        --proxy-runs) proxyRuns="$2"; shift 2 ;;
+        --proxy-driver) proxyDriver="$2"; shift 2 ;;
         --runs) runs="$2"; shift 2 ;;
         --kills) kills="$2"; shift 2 ;;
         --seed) seed="$2"; shift 2 ;;
         --driver) driver="$2"; shift 2 ;;
         --work-dir) work="$2"; shift 2 ;;
-        *) echo "usage: $0 [--quick] [--runs N] [--kills N] [--seed N] [--driver PATH] [--work-dir DIR]" >&2; exit 2 ;;
+        *) echo "usage: $0 [--quick] [--runs N] [--kills N] [--proxy-runs N] [--seed N] [--driver PATH] [--proxy-driver PATH] [--work-dir DIR]" >&2; exit 2 ;;
     esac
 done
 
 if [ -z "$driver" ]; then
     scripts/install-deps.sh
     cmake -S . -B build -G Ninja >/dev/null
-    cmake --build build --parallel "$(nproc)" --target tcxocal_faults
-    driver=build/tests/tcxocal_faults
+    cmake --build build --parallel "$(nproc)" --target tcxocal_faults proxy_faults
+    driver=build/fault/tcxocal_faults
+    proxyDriver=build/fault/proxy_faults
 fi
 command -v fiu-run >/dev/null || { echo "fiu-run is missing (Debian package fiu-utils)" >&2; exit 1; }
 driver=$(realpath "$driver")
@@ -219,12 +230,53 @@ done
 [ "$(ls -A "$killWork/kill")" = "tcxo.cal" ] || violation "after the kills" "left: $(ls -A "$killWork/kill" | tr '\n' ' ')"
 kill_seconds=$((SECONDS - started))
 
+# The device proxies through a pseudo-terminal: read and write fail with EIO, EINTR or EAGAIN,
+# poll with EINTR or EAGAIN (all it can return of them).
+started=$SECONDS
+EAGAIN=11
+errnoName[$EAGAIN]=EAGAIN
+proxy_runs=0
+: >"$work/proxyfaults.log"
+: >"$work/proxyout.log"
+if [ -n "$proxyDriver" ]; then
+    for p in 0.02 0.05 0.1 0.3; do
+        for ((i = 0; i < proxyRuns; i++)); do
+            set +e
+            fiu-run -x "$(realpath "$proxyDriver")" --seed "$RANDOM$RANDOM" --ops "$proxyOps" \
+                --fault "posix/io/rw/read=$p:$EIO,$EINTR,$EAGAIN" --fault "posix/io/rw/write=$p:$EIO,$EINTR,$EAGAIN" \
+                --fault "posix/io/net/poll=$p:$EINTR,$EAGAIN" >"$work/out" 2>"$work/err" 3>"$work/run.faults"
+            status=$?
+            set -e
+            proxy_runs=$((proxy_runs + 1))
+            cat "$work/out" >>"$work/proxyout.log"
+            cat "$work/run.faults" >>"$work/proxyfaults.log"
+            found=$(grep -c '^VIOLATION' "$work/err" || true)
+            if [ "$status" -ne 0 ] || [ "$found" -ne 0 ]; then
+                violations=$((violations + (found > 0 ? found : 1)))
+                echo "VIOLATION (proxies p=$p run $i): exit status $status" >&2
+                sed 's/^/    /' "$work/err" >&2
+            fi
+        done
+    done
+fi
+proxy_seconds=$((SECONDS - started))
+
 echo "fault injection: $total_runs runs in $fault_seconds s ($changed changed the file, $unchanged left it as it was)"
 echo "faults injected by kind (point, errno, count):"
 while read -r point errno count; do echo "$point ${errnoName[$errno]} $count"; done <"$work/faults.log" |
     awk '{ count[$1 " " $2] += $3; all += $3 } END { for (k in count) print "  " k, count[k]; print "  all", all + 0 }' |
     sort
 echo "crash consistency: $kills kills in $kill_seconds s, $midWrite of them during a write (a temporary file left, removed by the next write)"
+if [ -n "$proxyDriver" ]; then
+    echo -n "device proxies: $proxy_runs runs of both proxies in $proxy_seconds s: "
+    awk '{ ops += $3; failed += $5; late += $8; discarded += $12 }
+        END { print ops " operations, " failed " of them -1, " late " late replies taken, " discarded " input bytes discarded at a reopen" }' \
+        "$work/proxyout.log"
+    echo "faults injected by kind (point, errno, count):"
+    while read -r point errno count; do echo "$point ${errnoName[$errno]} $count"; done <"$work/proxyfaults.log" |
+        awk '{ count[$1 " " $2] += $3; all += $3 } END { for (k in count) print "  " k, count[k]; print "  all", all + 0 }' |
+        sort
+fi
 echo "invariant violations: $violations"
 [ "$violations" -eq 0 ] && rm -rf "$work" "$killWork"
 [ "$violations" -eq 0 ]
