@@ -1,6 +1,5 @@
-// The one place for concurrency volume, each case bounded in count and time: the application
-// manager's registry changed and read by eight threads, hundreds of commands on a proxy that
-// hangs, and data collectors started, stopped and destroyed thousands of times.
+// The one place for concurrency volume, bounded in count and time: the registry on eight threads,
+// hundreds of commands on a hanging proxy, thousands of collector starts, stops and destructions.
 
 #include "recordingreporter.h"
 #include "testproxy.h"
@@ -180,9 +179,8 @@ private Q_SLOTS:
         constexpr int commandCount = 300;
         RecordingReporter reporter;
         auto *proxy = new TestProxy;
-        // Every other write hangs until the test lets it go, which it does only once the caller
-        // has given up on the command. A write left hanging for ten seconds means a lost permit,
-        // and is counted instead of blocking the suite.
+        // Every other write hangs until the caller gave up on it and the test lets it go; one left
+        // hanging for ten seconds means a lost permit, and is counted instead of blocking the suite.
         QSemaphore gate;
         std::atomic<int> started{0}, stuck{0};
         proxy->onWrite = [&](const QByteArray &bytes) {
@@ -208,7 +206,6 @@ private Q_SLOTS:
             }
             timedOut += result == -1;
         }
-        // Waits for the last hung command, then runs to its end.
         QCOMPARE(device.write(1, QStringLiteral("last"), 10000), qint64(6));
         sent << "1:last";
 

@@ -1,5 +1,4 @@
-// The calibration file: exact text, reading rules, and writes against what the file system does
-// to them. The calibration on disk is always the old one or the new one, and nothing else.
+// The calibration file: exact text, reading rules, and writes against what the file system does.
 
 #include "messagerecorder.h"
 
@@ -298,8 +297,7 @@ private Q_SLOTS:
     void missingDacKey()
     {
         writeFile(QByteArray(exampleBytes).replace("FACTORY_TCXO=2048\n", ""));
-        Factors factors{};
-        factors.factoryTcxo = 7;
+        Factors factors{7};
         QVERIFY(!Pal::TcxoCalDevice("tcxo", path).getTcxoCalFactors(factors));
         Factors expected = example;
         expected.factoryTcxo = 7;
