@@ -78,7 +78,6 @@ struct PtyPair
     QString slavePath;
 };
 
-/// Reads from @p proxy until @p count bytes came or it failed.
 template<typename Proxy>
 QByteArray collect(Proxy &proxy, int count)
 {

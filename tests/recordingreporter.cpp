@@ -44,15 +44,3 @@ QList<Report> RecordingReporter::reports() const
     const std::lock_guard<std::mutex> lock(m_mutex);
     return m_reports;
 }
-
-int RecordingReporter::count() const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_reports.size();
-}
-
-void RecordingReporter::clear()
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_reports.clear();
-}

@@ -35,8 +35,6 @@ public:
     StatusCode reportStatus(StatusCode statusCode, Crosscutting::KrSourceContext *context) override;
 
     QList<Report> reports() const;
-    int count() const;
-    void clear();
 
 private:
     mutable std::mutex m_mutex;

@@ -29,7 +29,6 @@ qint64 TestProxy::write(const char *data, qint64 size)
         m_maxConcurrentWrites.store(qMax(m_maxConcurrentWrites.load(), ++m_writesInProgress));
     }
     const qint64 result = onWrite ? onWrite(bytes) : size;
-    ++m_writeCount;
     --m_writesInProgress;
     return result;
 }
@@ -67,10 +66,11 @@ qint64 TestProxy::ioctl(char *request, int requestSize, char *reply, quint32 rep
     return onIoctl ? onIoctl(bytes) : requestSize;
 }
 
-bool TestProxy::waitForReads(int count)
+bool TestProxy::waitFor(int reads, int emitted)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::seconds(5), [this, count] { return m_reads.size() >= count; });
+    return m_changed.wait_for(lock, std::chrono::seconds(5),
+        [this, reads, emitted] { return m_reads.size() >= reads && m_emitted.size() >= emitted; });
 }
 
 void TestProxy::release()
@@ -85,4 +85,5 @@ void TestProxy::record(const QByteArray &data)
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_emitted.append(data);
     m_emittedOn.append(QThread::currentThreadId());
+    m_changed.notify_all();
 }

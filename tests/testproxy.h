@@ -40,10 +40,9 @@ public:
     QList<Call> reads() const { return locked(m_reads); }
     QList<QByteArray> emitted() const { return locked(m_emitted); }
     QList<Qt::HANDLE> emittedOn() const { return locked(m_emittedOn); }
-    int writeCount() const { return m_writeCount.load(); }
     int maxConcurrentWrites() const { return m_maxConcurrentWrites.load(); }
     bool readInProgress() const { return m_readsInProgress.load() > 0; }
-    bool waitForReads(int count);
+    bool waitFor(int reads, int emitted = 0);
     void release();
 
     void emitReadyRead() { Q_EMIT readyRead(); }
@@ -83,7 +82,6 @@ private:
     QList<QByteArray> m_emitted;
     QList<Qt::HANDLE> m_emittedOn;
     bool m_released = false;
-    std::atomic<int> m_writeCount{0};
     std::atomic<int> m_writesInProgress{0};
     std::atomic<int> m_readsInProgress{0};
     std::atomic<int> m_maxConcurrentWrites{0};

@@ -20,14 +20,6 @@ using Bytes = QList<QByteArray>;
 
 namespace {
 
-// By name and directly: a functor connection made while the collector thread runs is published
-// to that thread inside Qt, where the thread sanitizer cannot see it.
-void recordEmissions(QObject *sender, const char *signal, TestProxy &proxy)
-{
-    QObject::connect(sender, signal, &proxy, SLOT(record(QByteArray)), Qt::DirectConnection);
-}
-
-// Holds the collector thread for 150 ms as it finishes.
 class SlowFinish : public QObject
 {
     Q_OBJECT
@@ -77,7 +69,10 @@ private Q_SLOTS:
         proxy.script = script;
         proxy.holdMs = 2000;
         auto collector = std::make_unique<KrDataCollector>(&proxy, bufferSize);
-        recordEmissions(collector.get(), SIGNAL(rawDataReady(QByteArray)), proxy);
+        // By name and directly: a functor connection made while the collector thread runs is
+        // published to that thread inside Qt, where the thread sanitizer cannot see it.
+        connect(
+            collector.get(), SIGNAL(rawDataReady(QByteArray)), &proxy, SLOT(record(QByteArray)), Qt::DirectConnection);
         const Qt::HANDLE mainThread = QThread::currentThreadId();
         QList<QByteArray> delivered;
         connect(
@@ -85,13 +80,13 @@ private Q_SLOTS:
             [&delivered](const QByteArray &data) { delivered << data; }, Qt::QueuedConnection);
 
         QVERIFY(collector->start());
-        QVERIFY(proxy.waitForReads(1));
+        QVERIFY(proxy.waitFor(1));
         collector->setDataBufferSize(laterSize);
         QCOMPARE(collector->dataBufferSize(), laterSize);
         proxy.release();
         // A pass begins after the previous one posted its event; waiting for it under the
         // proxy's lock lets the thread sanitizer see that order, which Qt's queue hides.
-        QVERIFY(proxy.waitForReads(script.size() + 1));
+        QVERIFY(proxy.waitFor(script.size() + 1));
         QCoreApplication::sendPostedEvents();
         collector.reset();
 
@@ -115,12 +110,12 @@ private Q_SLOTS:
         proxy.later = {1, "w"};
         proxy.holdMs = 30;
         KrDataCollectorWorker worker(&proxy, 2);
-        recordEmissions(&worker, SIGNAL(gotData(QByteArray)), proxy);
+        connect(&worker, SIGNAL(gotData(QByteArray)), &proxy, SLOT(record(QByteArray)), Qt::DirectConnection);
         worker.start();
         worker.stop();
         std::thread polling([&worker] { worker.run(); });
 
-        QVERIFY(proxy.waitForReads(1));
+        QVERIFY(proxy.waitFor(1));
         worker.stop();
         QCOMPARE(proxy.emitted(), QList<QByteArray>{QByteArray("w\0", 2)});
         worker.abort();

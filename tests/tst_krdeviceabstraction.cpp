@@ -9,7 +9,7 @@
 #include <QTest>
 #include <QThread>
 
-#include <thread>
+#include <atomic>
 
 using namespace Pal;
 
@@ -38,6 +38,22 @@ Trace trace(const TestProxy &proxy)
         trace << "ioctl " + call.bytes + (call.thread == QThread::currentThreadId() ? "" : " on another thread");
     return trace;
 }
+
+// Runs @p atDestruction as its destruction begins, before the base class waits for the command thread.
+class ReleasingDevice : public KrDeviceAbstraction
+{
+    Q_OBJECT
+public:
+    ReleasingDevice(KrAbstractDeviceProxy *proxy, CommandFormatters &formatters, std::function<void()> atDestruction)
+        : KrDeviceAbstraction("dev", proxy, formatters)
+        , m_atDestruction(std::move(atDestruction))
+    {
+    }
+    ~ReleasingDevice() override { m_atDestruction(); }
+
+private:
+    std::function<void()> m_atDestruction;
+};
 
 // Records every consultation of the hook, and answers true: that must change nothing.
 class CountingDevice : public KrDeviceAbstraction
@@ -174,14 +190,20 @@ private Q_SLOTS:
         RecordingReporter reporter;
         QSemaphore gate;
         QSemaphore entered;
+        std::atomic<int> finished{0};
+        int finishedAtDestruction = -1;
         auto *proxy = new TestProxy;
         proxy->onWrite = [&](const QByteArray &bytes) {
             entered.release();
             gate.acquire();
+            ++finished;
             return qint64(bytes.size());
         };
         CommandFormatters commands = formatters();
-        auto device = std::make_unique<KrDeviceAbstraction>("dev", proxy, commands);
+        auto device = std::make_unique<ReleasingDevice>(proxy, commands, [&] {
+            finishedAtDestruction = finished;
+            gate.release();
+        });
         const auto unblock = qScopeGuard([&gate] { gate.release(1000); }); // should a check fail
 
         QCOMPARE(device->timeoutInMs(), quint32(4000));
@@ -198,9 +220,8 @@ private Q_SLOTS:
         QCOMPARE(device->timeoutInMs(), quint32(10));
         QCOMPARE(device->write(1, 3), qint64(-1));
         QVERIFY(entered.tryAcquire(2, 5000));
-        std::thread releaser([&gate] { gate.release(); });
         device.reset();
-        releaser.join();
+        QCOMPARE((QList<int>{finishedAtDestruction, finished}), (QList<int>{2, 3}));
         QCOMPARE(reporter.reports(), (QList<Report>{Pinned::timeout, Pinned::timeout}));
     }
 };

@@ -1,12 +1,17 @@
 #include "recordingreporter.h"
 #include "testproxy.h"
 
+#include <pal/krpalapplicationmanager.h>
 #include <pal/krpalconfiguration.h>
 #include <pal/krpalroot.h>
 
 #include <QTest>
+#include <QThread>
+
+#include <atomic>
 
 using Pal::KrDeviceAbstraction;
+using Manager = Pal::KrPalApplicationManager;
 
 namespace {
 
@@ -67,6 +72,27 @@ public:
         return {{1, [](quint16, const QVariant &value) -> QByteArray { return "value " + value.toByteArray(); }}};
     }
 };
+
+class CollectingDevice : public Pal::KrDeviceAbstraction
+{
+    Q_OBJECT
+public:
+    using KrDeviceAbstraction::KrDeviceAbstraction;
+    void collectData() override { ++collectCount; }
+    int collectCount = 0;
+};
+
+const QStringList names{"a", "App", "app", QString()};
+std::atomic<int> s_liveRoots{0};
+
+QSharedPointer<Pal::KrPalRoot> makeRoot(const QString &name)
+{
+    QSharedPointer<Pal::KrPalRoot> root(new Pal::KrPalRoot);
+    root->setObjectName(name);
+    ++s_liveRoots;
+    QObject::connect(root.data(), &QObject::destroyed, [] { --s_liveRoots; });
+    return root;
+}
 
 } // namespace
 
@@ -147,6 +173,95 @@ private Q_SLOTS:
         QCOMPARE(TestProxy::s_constructed - TestProxy::s_destroyed, proxiesBefore + built);
         root.reset();
         QCOMPARE(TestProxy::s_constructed - TestProxy::s_destroyed, proxiesBefore);
+    }
+
+    // The key as the duplicate report shows it; null where the key is refused as reserved.
+    void addDeviceAbstraction_data()
+    {
+        QTest::addColumn<QByteArray>("key");
+        QTest::addColumn<QString>("shownKey");
+        QTest::newRow("lowercase null") << QByteArray("null") << "null";
+        QTest::newRow("NUL byte") << QByteArray("ab\0cd", 5) << "ab";
+        QTest::newRow("UTF-8") << QByteArray("\xc3\xa4") << QString::fromUtf8("\xc3\xa4");
+        QTest::newRow("NULL") << QByteArray("NULL") << QString();
+    }
+    // The reporter's answer comes back; a refused device is not kept, a stored one until the root goes.
+    void addDeviceAbstraction()
+    {
+        QFETCH(QByteArray, key);
+        QFETCH(QString, shownKey);
+        RecordingReporter reporter(1234);
+        auto root = std::make_unique<Pal::KrPalRoot>();
+        const auto first = std::make_shared<CollectingDevice>("first", nullptr);
+        const auto second = std::make_shared<CollectingDevice>("second", nullptr);
+        QCOMPARE(root->addDeviceAbstraction(key, first), StatusCode(shownKey.isNull() ? 1234 : 0));
+        QCOMPARE(root->addDeviceAbstraction(key, second), StatusCode(1234));
+        QCOMPARE((QList<long>{first.use_count(), second.use_count()}), (QList<long>{shownKey.isNull() ? 1 : 2, 1}));
+        const Report expected = shownKey.isNull() ? Pinned::reservedKey : Pinned::duplicateKey(shownKey);
+        QCOMPARE(reporter.reports(), (shownKey.isNull() ? QList<Report>{expected, expected} : QList<Report>{expected}));
+        root.reset();
+        QCOMPARE(first.use_count(), 1L);
+    }
+
+    // An empty entry is found as null and never called through; a null key means the empty one.
+    void lookupsAndCollect()
+    {
+        RecordingReporter reporter;
+        Pal::KrPalRoot root;
+        const auto unnamed = std::make_shared<CollectingDevice>("", nullptr);
+        const auto b = std::make_shared<CollectingDevice>("b", nullptr);
+        root.addDeviceAbstraction("", unnamed);
+        root.addDeviceAbstraction("b", b);
+        root.addDeviceAbstraction("empty", nullptr);
+        QCOMPARE(root.deviceAbstraction(nullptr), unnamed.get());
+        QCOMPARE(root.deviceAbstraction("empty"), nullptr);
+        root.collectData(nullptr);
+        root.collectData("b");
+        root.collectData("empty");
+        QCOMPARE((QList<int>{unnamed->collectCount, b->collectCount}), (QList<int>{1, 2}));
+
+        QCOMPARE(root.deviceAbstraction("NULL"), nullptr);
+        root.collectData("dac");
+        QCOMPARE(reporter.reports(), (QList<Report>{Pinned::unknownKey("NULL"), Pinned::unknownCollectKey("dac")}));
+    }
+
+    void cleanup()
+    {
+        for (const QString &name : names)
+            Manager::remove(name);
+        QCOMPARE(s_liveRoots.load(), 0);
+    }
+
+    // Names are compared exactly; a replaced or removed root is released; a null root is loaded.
+    void registry()
+    {
+        for (const QString &name : names + QStringList{"a"})
+            QVERIFY(Manager::add(name, makeRoot(name)));
+        for (const QString &name : names)
+            QVERIFY(Manager::application(name) && Manager::application(name)->objectName() == name);
+        Manager::remove("b");
+        Manager::remove("app");
+        QVERIFY(!Manager::loaded("APP") && !Manager::loaded("app ") && !Manager::loaded("app")
+            && !Manager::application("app"));
+        Manager::add("a", {});
+        QVERIFY(Manager::loaded("a") && !Manager::application("a"));
+        QCOMPARE(s_liveRoots.load(), 2);
+    }
+
+    // A root's destruction may use the manager: the registry lets go of it outside its lock.
+    void rootDestructionUsesTheManager()
+    {
+        QSharedPointer<Pal::KrPalRoot> root = makeRoot("a");
+        QObject::connect(root.data(), &QObject::destroyed, [] { Manager::add("App", Manager::application("a")); });
+        Manager::add("a", root);
+        root.reset();
+        std::unique_ptr<QThread> remover(QThread::create([] { Manager::remove("a"); }));
+        remover->start();
+        if (!remover->wait(5000)) {
+            remover.release(); // deadlocked on the registry lock: leave it rather than abort
+            QFAIL("remove() deadlocked while its root was destroyed");
+        }
+        QVERIFY(!Manager::loaded("a") && Manager::loaded("App") && Manager::application("App").isNull());
     }
 };
 

@@ -1,20 +1,93 @@
+// The calibration file: exact text, reading rules, and writes against what the file system does.
+
 #include "messagerecorder.h"
-#include "tcxotestsupport.h"
 
 #include <pal/tcxocaldevice.h>
+#include <pal/tcxocaldummydevice.h>
 
 #include <QDateTime>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QLocale>
+#include <QTest>
 
 #include <clocale>
 #include <csignal>
+#include <cstring>
 #include <memory>
 
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-using Factors = Pal::TcxoCalDevice::TcxoCalFactors;
+Q_DECLARE_METATYPE(Pal::TcxoCalDevice::TcxoCalFactors)
+
+namespace Pal {
+
+// Bit for bit: a record handed over must come back unchanged, not merely close.
+inline bool operator==(const TcxoCalDevice::TcxoCalFactors &a, const TcxoCalDevice::TcxoCalFactors &b)
+{
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+inline char *toString(const TcxoCalDevice::TcxoCalFactors &f)
+{
+    return qstrdup(qPrintable(QString::asprintf("{%u, %.9g, %.9g, %u, %.9g, %.9g, %.9g, %.9g, %.9g}", f.factoryTcxo,
+        double(f.factoryTemperature), double(f.factoryTuningSensitivity), f.fieldTcxo, double(f.fieldTemperature),
+        double(f.fieldTuningSensitivity), double(f.fieldFixTime), double(f.fixDecayTime), double(f.refSourceDisplay))));
+}
+
+} // namespace Pal
+
+inline const Pal::TcxoCalDevice::TcxoCalFactors example{2048, 25.5f, 0.0125f, 2051, 31.75f, 0.0124f, 1.7e12f, 3600, 1};
+inline const QByteArray exampleBytes
+    = "FACTORY_TCXO=2048\nFACTORY_TEMPERATURE=25.5\nFACTORY_TUNING_SENSITIVITY=0.0125\n"
+      "FIELD_TCXO=2051\nFIELD_TEMPERATURE=31.75\nFIELD_TUNING_SENSITIVITY=0.0124\n"
+      "FIELD_FIX_TIME=1.7e+12\nFIX_DECAY_TIME=3600\nREF_SOURCE_DISPLAY=1";
+
+inline QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+/// What getValue() gives for each of the nine keys, in file order; "<null>" marks a null string.
+inline QStringList valueTexts(const Pal::TcxoCalDevice &device)
+{
+    QStringList texts;
+    for (const char *key : {Pal::factoryTcxoKey, Pal::factoryTemperatureKey, Pal::factoryTuningSensitivityKey,
+             Pal::fieldTcxoKey, Pal::fieldTemperatureKey, Pal::fieldTuningSensitivityKey, Pal::fieldFixTimeKey,
+             Pal::fixDecayTimeKey, Pal::refSourceDisplayKey}) {
+        const QString text = device.getValue(QString::fromLatin1(key), false);
+        texts << (text.isNull() ? QStringLiteral("<null>") : text);
+    }
+    return texts;
+}
+
+/// A new temporary directory that is the working directory while it lives, so that relative
+/// calibration paths land in a test's own directory.
+class TemporaryWorkingDir
+{
+public:
+    TemporaryWorkingDir()
+        : m_previous(QDir::currentPath())
+        , m_entered(QDir::setCurrent(m_dir.path()))
+    {
+    }
+    ~TemporaryWorkingDir() { QDir::setCurrent(m_previous); }
+    Q_DISABLE_COPY(TemporaryWorkingDir)
+
+    bool entered() const { return m_entered; }
+
+private:
+    QTemporaryDir m_dir;
+    const QString m_previous;
+    const bool m_entered;
+};
+
+using Pal::TcxoCalDevice;
+using Factors = TcxoCalDevice::TcxoCalFactors;
 
 namespace {
 
@@ -23,21 +96,31 @@ const QString path = QStringLiteral("tcxo.cal");
 const QDateTime oldTime = QDateTime::fromMSecsSinceEpoch(1600000000123);
 
 // Dated back, so that a test sees whether the device wrote the file again; null writes nothing.
-void writeFile(const QByteArray &bytes)
+void writeFile(const QByteArray &bytes, const QString &to = path)
 {
     if (bytes.isNull())
         return;
-    QFile file(path);
+    QFile file(to);
     QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.flush());
     QVERIFY(file.setFileTime(oldTime, QFileDevice::FileModificationTime));
 }
 
-// Mode 0604 as Qt reports it to the owner.
 const QFileDevice::Permissions mode0604 = QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadUser
     | QFileDevice::WriteUser | QFileDevice::ReadOther;
 
-const QDir::Filters everything = QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden;
 const QString notFound = QStringLiteral("critical default: Did not find value for  \"%1\"  in  \"tcxo.cal\"");
+
+const Factors other{1, 2, 3, 4, 5, 6, 7, 8, 9};
+
+QByteArray withFieldTcxo(const QByteArray &bytes, int dacValue)
+{
+    return QByteArray(bytes).replace("FIELD_TCXO=2051", QByteArray("FIELD_TCXO=" + QByteArray::number(dacValue)));
+}
+
+QStringList entriesOf(const QString &directory)
+{
+    return QDir(directory).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+}
 
 } // namespace
 
@@ -126,12 +209,12 @@ private Q_SLOTS:
         const rlimit small = {100, previous.rlim_max};
         QVERIFY(::setrlimit(RLIMIT_FSIZE, &small) == 0);
         device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
-        device.createTcxoCalFile(Factors{1, 2, 3, 4, 5, 6, 7, 8, 9});
+        device.createTcxoCalFile(other);
         ::setrlimit(RLIMIT_FSIZE, &previous);
         std::signal(SIGXFSZ, previousHandler);
 
         QCOMPARE(contentOf(path), exampleBytes);
-        QCOMPARE(QDir().entryList(everything), QStringList{path});
+        QCOMPARE(entriesOf("."), QStringList{path});
     }
 
     // Every occurrence is rewritten, no key added, mode 0604 set. A file that is missing, lacks the
@@ -183,7 +266,7 @@ private Q_SLOTS:
             QCOMPARE(QFileInfo(path).lastModified(), original.isNull() ? QDateTime() : oldTime);
         else
             QCOMPARE(QFile::permissions(path), mode0604);
-        QCOMPARE(QDir().entryList(everything), original.isNull() ? QStringList() : QStringList{path});
+        QCOMPARE(entriesOf("."), original.isNull() ? QStringList() : QStringList{path});
         QCOMPARE(device.getValue(Pal::fieldTcxoKey, true), cached);
         QCOMPARE(recorder.takeMessages(), messages);
     }
@@ -214,12 +297,160 @@ private Q_SLOTS:
     void missingDacKey()
     {
         writeFile(QByteArray(exampleBytes).replace("FACTORY_TCXO=2048\n", ""));
-        Factors factors{};
-        factors.factoryTcxo = 7;
+        Factors factors{7};
         QVERIFY(!Pal::TcxoCalDevice("tcxo", path).getTcxoCalFactors(factors));
         Factors expected = example;
         expected.factoryTcxo = 7;
         QCOMPARE(factors, expected);
+    }
+
+    // Unlike the file-backed device: nothing is written or logged, updates always take effect,
+    // keep all 32 bits and leave the fix time alone.
+    void dummyRecordsInMemoryOnly()
+    {
+        // The base looks for "DummyTcxoCalFile" in the working directory, which must stay empty.
+        MessageRecorder recorder;
+        Pal::TcxoCalDummyDevice device("tcxo");
+        QCOMPARE(recorder.takeMessages(),
+            QStringList{QStringLiteral("critical default: Cannot open file \"DummyTcxoCalFile\"")});
+        Factors factors{1, 2, 3, 4, 5, 6, 7, 8, 9};
+        QVERIFY(device.getTcxoCalFactors(factors));
+        QCOMPARE(factors, (Factors{9999, 99.99f, 9.99e9f, 9999, 99.99f, 9.99e9f, 0, 0, 0}));
+        QCOMPARE(
+            valueTexts(device), QStringList({"9999", "99.99", "9.99e+09", "9999", "99.99", "9.99e+09", "0", "0", "0"}));
+        QVERIFY(device.getValue("FIELD_TCXO", false).isNull());
+
+        // Bit for bit, including what a file could not keep.
+        const Factors given{4294967295u, 1234567.f, 1.5e-7f, 70000, -40.f, 0.0125f, 1.7e12f, 3600, 1};
+        device.createTcxoCalFile(given);
+        QVERIFY(device.getTcxoCalFactors(factors));
+        QCOMPARE(factors, given);
+        QCOMPARE(valueTexts(device),
+            QStringList({"4294967295", "1.23457e+06", "1.5e-07", "70000", "-40", "0.0125", "1.7e+12", "3600", "1"}));
+
+        device.updateTcxoFieldCal(-1, 20.5f, 0.5f);
+        QCOMPARE(device.getValue(Pal::fieldTcxoKey, true), QString("4294967295"));
+        device.updateTcxoFieldCal(-1, 21.5f, 0.25f);
+        device.updateTcxoFieldCal(12);
+        QVERIFY(device.getTcxoCalFactors(factors));
+        QCOMPARE(factors, (Factors{4294967295u, 1234567.f, 1.5e-7f, 12, 21.5f, 0.25f, 1.7e12f, 3600, 1}));
+        QCOMPARE(recorder.takeMessages(), QStringList());
+        QCOMPARE(entriesOf("."), QStringList());
+    }
+
+    // The write gets what the file's owner may always do: it makes a read-only file 0604 again.
+    // A reader that opened the file before the updates goes on reading the whole old calibration.
+    void readOnlyFileAndEarlierReader()
+    {
+        TcxoCalDevice device("tcxo", path);
+        device.createTcxoCalFile(example);
+        QFile reader(path);
+        QVERIFY(reader.open(QIODevice::ReadOnly | QIODevice::Unbuffered));
+        QCOMPARE(reader.read(13), QByteArray("FACTORY_TCXO="));
+        QVERIFY(::chmod(QFile::encodeName(path).constData(), 0444) == 0);
+        device.updateTcxoFieldCal(2060);
+        QCOMPARE(contentOf(path), withFieldTcxo(exampleBytes, 2060));
+        QCOMPARE(QFile::permissions(path), mode0604);
+        device.createTcxoCalFile(other);
+        QCOMPARE("FACTORY_TCXO=" + reader.readAll(), exampleBytes);
+        QVERIFY(contentOf(path).startsWith("FACTORY_TCXO=1\n"));
+    }
+
+    // Whatever stands at the path instead of a file is neither replaced nor followed into.
+    void somethingElseAtThePath_data()
+    {
+        QTest::addColumn<QString>("kind");
+        QTest::newRow("directory") << "directory";
+        QTest::newRow("dangling symbolic link") << "dangling link";
+    }
+    void somethingElseAtThePath()
+    {
+        QFETCH(QString, kind);
+        if (kind == "directory") {
+            QVERIFY(QDir().mkpath(path));
+            writeFile("x", path + "/inside");
+        } else {
+            QVERIFY(QFile::link("missing/tcxo.cal", path));
+        }
+        MessageRecorder recorder;
+        TcxoCalDevice device("tcxo", path);
+        QCOMPARE(recorder.takeMessages(),
+            QStringList{QStringLiteral("critical default: Cannot open file \"%1\"").arg(path)});
+        device.updateTcxoFieldCal(2060, 30.5f, 0.0126f);
+        device.updateTcxoFieldCal(2061);
+        device.createTcxoCalFile(example);
+        Factors factors = other;
+        QVERIFY(!device.getTcxoCalFactors(factors));
+        QCOMPARE(factors, other);
+        QVERIFY(device.getValue(Pal::factoryTcxoKey, false).isNull());
+
+        QCOMPARE(entriesOf("."), QStringList{"tcxo.cal"});
+        if (kind == "directory") {
+            QVERIFY(QFileInfo(path).isDir());
+            QCOMPARE(entriesOf(path), QStringList{"inside"});
+        } else {
+            QCOMPARE(QFileInfo(path).symLinkTarget(), QFileInfo("missing/tcxo.cal").absoluteFilePath());
+            QVERIFY(!QFileInfo::exists("missing"));
+        }
+        QCOMPARE(device.getValue(Pal::fieldTcxoKey, true), QString("2051"));
+    }
+
+    // The calibration behind a link is written where the link points; the link stays a link.
+    void symbolicLinkToTheFileStaysALink()
+    {
+        const QString target = QStringLiteral("real/tcxo.cal");
+        QVERIFY(QDir().mkpath("real"));
+        writeFile(exampleBytes, target);
+        QVERIFY(QFile::link(target, path));
+        TcxoCalDevice device("tcxo", path);
+        device.updateTcxoFieldCal(2060);
+        QCOMPARE(QFileInfo(path).symLinkTarget(), QFileInfo(target).absoluteFilePath());
+        QCOMPARE(contentOf(target), withFieldTcxo(exampleBytes, 2060));
+        device.createTcxoCalFile(other);
+        QCOMPARE(QFileInfo(path).symLinkTarget(), QFileInfo(target).absoluteFilePath());
+        QVERIFY(contentOf(target).startsWith("FACTORY_TCXO=1\n"));
+        QCOMPARE(entriesOf("real"), QStringList{"tcxo.cal"});
+    }
+
+    // Every update reads the file afresh: another writer's changes between two updates are
+    // kept, and the device's cached value decides nothing.
+    void anotherWriterBetweenUpdates_data()
+    {
+        QTest::addColumn<QString>("writer");
+        QTest::addColumn<QByteArray>("written");
+        QTest::addColumn<QByteArray>("expected");
+        const QByteArray theirs = QByteArray(exampleBytes).replace("FACTORY_TCXO=2048", "FACTORY_TCXO=1999");
+        QTest::newRow("rewritten in place") << "in place" << withFieldTcxo(theirs, 77) << withFieldTcxo(theirs, 2070);
+        QTest::newRow("replaced by rename") << "rename" << withFieldTcxo(theirs, 77) << withFieldTcxo(theirs, 2070);
+        QTest::newRow("key removed") << "in place" << QByteArray("FACTORY_TCXO=1\n") << QByteArray("FACTORY_TCXO=1\n");
+        QTest::newRow("NUL byte added") << "in place" << withFieldTcxo(exampleBytes, 5) + '\0'
+                                        << withFieldTcxo(exampleBytes, 5) + '\0';
+        QTest::newRow("removed") << "remove" << QByteArray() << QByteArray();
+    }
+    void anotherWriterBetweenUpdates()
+    {
+        QFETCH(QString, writer);
+        QFETCH(QByteArray, written);
+        QFETCH(QByteArray, expected);
+        TcxoCalDevice device("tcxo", path);
+        device.createTcxoCalFile(example);
+        device.updateTcxoFieldCal(2060);
+        QCOMPARE(contentOf(path), withFieldTcxo(exampleBytes, 2060));
+
+        if (writer == "rename") {
+            writeFile(written, "theirs");
+            QVERIFY(::rename(QFile::encodeName("theirs").constData(), QFile::encodeName(path)) == 0);
+        } else if (writer == "remove") {
+            QVERIFY(QFile::remove(path));
+        } else {
+            writeFile(written);
+        }
+        MessageRecorder recorder;
+        device.updateTcxoFieldCal(2070);
+        QCOMPARE(contentOf(path), expected);
+        QCOMPARE(entriesOf("."), writer == "remove" ? QStringList() : QStringList{"tcxo.cal"});
+        QCOMPARE(recorder.takeMessages().size(), written.contains('\0') ? 1 : 0);
+        QCOMPARE(device.getValue(Pal::fieldTcxoKey, true), QString("2070"));
     }
 
 private:

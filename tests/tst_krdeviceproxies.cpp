@@ -1,0 +1,479 @@
+// The ready-made device proxies on real pseudo-terminals, FIFOs and files.
+
+#include "messagerecorder.h"
+#include "ptypair.h"
+#include "testproxy.h"
+
+#include <pal/devices/krfiledeviceproxy.h>
+#include <pal/devices/krserialdeviceproxy.h>
+#include <pal/devices/kruiodeviceproxy.h>
+#include <pal/devices/kruioregisters.h>
+#include <pal/krdatacollector.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QtEndian>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <map>
+
+#include <sys/stat.h>
+
+using Pal::KrFileDeviceProxy;
+using Pal::KrSerialDeviceProxy;
+using Pal::KrUioDeviceProxy;
+using Pal::KrUioRegisters;
+
+namespace {
+
+// Sends @p request through @p proxy while the test, as the device, reads one line and sends
+// @p answer (nothing when empty). The ioctl's result; -2 when the device saw another request.
+qint64 ask(const PtyPair &pty, KrFileDeviceProxy &proxy, QByteArray request, const QByteArray &answer,
+    QByteArray &reply, quint32 timeoutMs = 5000)
+{
+    QByteArray seen;
+    std::thread device([&] {
+        seen = pty.receive(1 << 20, "\n");
+        if (!answer.isEmpty())
+            pty.send(answer);
+    });
+    const qint64 got = proxy.ioctl(request.data(), request.size(), reply.data(), quint32(reply.size()), timeoutMs);
+    device.join();
+    return seen == request ? got : -2;
+}
+
+// Points @p link at @p target at once, as udev replaces a by-id link.
+bool pointLink(const QString &link, const QString &target)
+{
+    const QByteArray staging = QFile::encodeName(link + QStringLiteral(".new"));
+    ::unlink(staging.constData());
+    return ::symlink(QFile::encodeName(target).constData(), staging.constData()) == 0
+        && ::rename(staging.constData(), QFile::encodeName(link).constData()) == 0;
+}
+
+} // namespace
+
+class TestKrDeviceProxies : public QObject
+{
+    Q_OBJECT
+    QTemporaryDir m_root;
+    const int m_page = int(sysconf(_SC_PAGESIZE));
+
+    void put(const QString &path, const QByteArray &bytes)
+    {
+        QVERIFY(QDir().mkpath(QFileInfo(m_root.filePath(path)).path()));
+        QFile file(m_root.filePath(path));
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+    }
+    void uio(int n, const QByteArray &name, const QList<QByteArray> &sizes)
+    {
+        put(QStringLiteral("sys/class/uio/uio%1/name").arg(n), name + '\n');
+        for (int i = 0; i < sizes.size(); ++i)
+            put(QStringLiteral("sys/class/uio/uio%1/maps/map%2/size").arg(n).arg(i), sizes.at(i) + '\n');
+    }
+    QString message(const QString &device, const QString &reason) const
+    {
+        return QStringLiteral("UIO device \"%1\": %2")
+            .arg(device, QString(reason).replace(QLatin1String("%1"), m_root.path()));
+    }
+    QString m_noLineSettings; // why this machine's pseudo-terminals take no serial settings
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        uio(1, "adc-ctrl", {"0x1000", "0x20"});
+        uio(2, "broken", {"0x0"});
+        uio(3, "short", {"0x1000"});
+        uio(4, "fifo", {"0x1000"});
+        uio(5, "absent", {"0x1000"});
+        put(QStringLiteral("dev/uio3"), QByteArray(100, 0));
+        put(QStringLiteral("dev/adc"), QByteArray(m_page, 0));
+        QCOMPARE(mkfifo(QFile::encodeName(m_root.filePath(QStringLiteral("dev/uio4"))).constData(), 0600), 0);
+        // User-mode emulators of other architectures may not pass termios2 on.
+        PtyPair pty;
+        const QString error = KrSerialDeviceProxy(pty.slavePath).errorString();
+        if (error.contains(QLatin1String("has no line settings")))
+            m_noLineSettings = error;
+    }
+    void init() { put(QStringLiteral("dev/uio1"), QByteArray(2 * m_page, 0)); }
+
+    // Opening by name or node, stores in order and the registers read back, a rejected batch
+    // leaving every byte as it was, and every failure with its reason.
+    void registers_data()
+    {
+        QTest::addColumn<QString>("device");
+        QTest::addColumn<int>("mapIndex");
+        QTest::addColumn<QByteArray>("batch");
+        QTest::addColumn<QByteArray>("stored"); // the map's bytes after the batch
+        QTest::addColumn<QString>("error");
+        const QByteArray batch = KrUioRegisters::writes({{0, 0x11223344}, {8, 0xaabbccdd}, {0, 0x55667788}});
+        const auto bad = [&batch](quint32 offset) -> QByteArray { return batch + KrUioRegisters::write(offset, 1); };
+        const QByteArray none;
+        QTest::newRow("by name, in order")
+            << "adc-ctrl" << 0 << batch << QByteArray::fromHex("8877665500000000ddccbbaa") << "";
+        QTest::newRow("by node, second map") << "/dev/uio1" << 1 << KrUioRegisters::writes({{0x1c, 7}, {4, 2}})
+                                             << QByteArray::fromHex("0000000002").leftJustified(28, 0) + '\7' << "";
+        QTest::newRow("empty batch") << "adc-ctrl" << 0 << none << none << "";
+        QTest::newRow("half a pair") << "adc-ctrl" << 0 << batch.left(20) << none
+                                     << "a register batch of 20 bytes is no whole number of (offset, value) pairs";
+        QTest::newRow("past the map") << "adc-ctrl" << 0 << bad(0x1000) << none
+                                      << "register offset 0x1000 is outside the map of 0x1000 bytes";
+        QTest::newRow("past map 1") << "adc-ctrl" << 1 << bad(0x1e) << none
+                                    << "register offset 0x1e is outside the map of 0x20 bytes";
+        QTest::newRow("unaligned") << "adc-ctrl" << 0 << bad(6) << none << "register offset 0x6 is not a multiple of 4";
+        QTest::newRow("unknown name") << "adc" << 0 << none << none << "no UIO device of this name in %1/sys/class/uio";
+        QTest::newRow("no such map") << "adc-ctrl" << 2 << none << none << "uio1 has no map 2";
+        QTest::newRow("size 0") << "broken" << 0 << none << none << "map 0 of uio2 has no usable size (\"0x0\")";
+        QTest::newRow("no uioN node") << "/dev/adc" << 0 << none << none << "%1/dev/adc is no UIO node (/dev/uioN)";
+        QTest::newRow("no node") << "absent" << 0 << none << none
+                                 << "cannot open %1/dev/uio5: No such file or directory";
+        QTest::newRow("short image") << "short" << 0 << none << none
+                                     << "cannot map 4096 bytes of map 0 from %1/dev/uio3: the file holds 100 bytes";
+        QTest::newRow("unmappable") << "fifo" << 0 << none << none
+                                    << "cannot map 4096 bytes of map 0 from %1/dev/uio4: No such device";
+    }
+    void registers()
+    {
+        QFETCH(QString, device);
+        QFETCH(int, mapIndex);
+        QFETCH(QByteArray, batch);
+        QFETCH(QByteArray, stored);
+        QFETCH(QString, error);
+        KrUioDeviceProxy proxy(device, mapIndex, m_root.path());
+        const bool opens = !batch.isEmpty() || error.isEmpty();
+        QCOMPARE(proxy.isOpen(), opens);
+        QCOMPARE(proxy.mapSize(), opens ? (mapIndex ? 0x20u : 0x1000u) : 0u);
+        QCOMPARE(proxy.write(batch.constData(), batch.size()), opens && error.isEmpty() ? batch.size() : -1);
+        QList<quint32> offsets, values;
+        for (int i = 0; error.isEmpty() && i < batch.size(); i += 8) {
+            offsets.append(qFromLittleEndian<quint32>(batch.constData() + i));
+            values.append(
+                qFromLittleEndian<quint32>(stored.mid(int(offsets.last()), 4).leftJustified(4, 0).constData()));
+        }
+        QByteArray request = KrUioRegisters::offsets(offsets);
+        QByteArray reply(request.size(), 0);
+        const qint64 loaded = proxy.ioctl(request.data(), request.size(), reply.data(), reply.size(), 0);
+        QCOMPARE(loaded, opens ? request.size() : -1);
+        QCOMPARE(KrUioRegisters::values(reply.constData(), loaded), values);
+        QCOMPARE(proxy.read(reply.data(), 8), opens ? 0 : -1); // a file gives no interrupt
+        if (opens && error.isEmpty()) {
+            request = KrUioRegisters::offsets({0, 4});
+            QCOMPARE(proxy.ioctl(request.data(), 8, reply.data(), 4, 0), -1);
+            error = QStringLiteral("a reply of 4 bytes cannot hold the 2 registers asked for");
+        }
+        QByteArray expected(2 * m_page, 0);
+        expected.replace(mapIndex * m_page, stored.size(), stored);
+        QFile node(m_root.filePath(QStringLiteral("dev/uio1")));
+        QVERIFY(node.open(QIODevice::ReadOnly));
+        QCOMPARE(node.readAll(), expected);
+        QCOMPARE(proxy.errorString(), error.isEmpty() ? QString() : message(device, error));
+    }
+
+    // The kernel's UIO node stood in for by a pseudo-terminal: what the test writes to the
+    // master is the interrupt count the proxy reads, and the master receives the proxy's
+    // interrupt enables, one at open and one after each interrupt taken.
+    void interrupts()
+    {
+        PtyPair pty(true);
+        if (pty.slavePath.isEmpty())
+            QSKIP("this machine has no pseudo-terminals");
+        uio(7, "irq", {});
+        QVERIFY(QFile::link(pty.slavePath, m_root.filePath(QStringLiteral("dev/uio7"))));
+        const QByteArray enable = QByteArray::fromHex("01000000");
+        const auto interrupt = [&pty](quint32 count) { return pty.send(QByteArray::fromRawData((char *)&count, 4)); };
+        KrUioDeviceProxy proxy(QStringLiteral("irq"), KrUioDeviceProxy::NoMap, m_root.path());
+        QVERIFY2(proxy.isOpen(), qPrintable(proxy.errorString()));
+        QCOMPARE(pty.receive(4), enable);
+        char count[8] = {};
+        QCOMPARE(proxy.read(count, 8), 0);
+        QCOMPARE(proxy.read(count, 3), -1);
+        QCOMPARE(proxy.errorString(), message("irq", "an interrupt count needs 4 bytes, the buffer holds 3"));
+        QSignalSpy readyRead(&proxy, &KrUioDeviceProxy::readyRead);
+        QVERIFY(interrupt(12) && readyRead.wait(1000));
+        QCOMPARE(pty.receive(4), enable);
+
+        TestProxy recorder; // of the buffers emitted on the collector thread
+        Pal::KrDataCollector collector(&proxy, 6, nullptr);
+        // By name and direct, as the collector tests do: seen by the thread sanitizer.
+        connect(
+            &collector, SIGNAL(rawDataReady(QByteArray)), &recorder, SLOT(record(QByteArray)), Qt::DirectConnection);
+        collector.start();
+        QList<QByteArray> expected{QByteArray::fromHex("0c0000000000")}; // taken by the collector
+        for (const char *bytes : {"0d0000000000", "030201000000"}) {
+            expected.append(QByteArray::fromHex(bytes));
+            QVERIFY(interrupt(qFromLittleEndian<quint32>(expected.last().constData())));
+            // Not QTRY: events processed here would let the proxy's own read notifier compete with the collector.
+            QVERIFY(recorder.waitFor(0, expected.size()));
+            QCOMPARE(recorder.emitted(), expected);
+            QCOMPARE(pty.receive(4), enable);
+        }
+        collector.stop();
+        QCOMPARE(pty.receive(4, {}, 20), QByteArray()); // no enable more than that
+    }
+
+    // Every byte value through FIFOs open one way; a write without reader fails, no SIGPIPE.
+    void fifos()
+    {
+        QTemporaryDir dir;
+        const QByteArray in = QFile::encodeName(dir.filePath(QStringLiteral("in")));
+        const QByteArray out = QFile::encodeName(dir.filePath(QStringLiteral("out")));
+        QVERIFY(::mkfifo(in.constData(), 0444) == 0 && ::mkfifo(out.constData(), 0222) == 0);
+        PtyPair writer, reader; // their masters stand for the FIFOs' other ends
+        writer.closeMaster();
+        reader.closeMaster();
+        // A FIFO opened for writing without blocking needs its reader first.
+        reader.master = ::open(out.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        KrFileDeviceProxy source(QFile::decodeName(in)), proxy(QFile::decodeName(out));
+        writer.master = ::open(in.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+        QVERIFY2(source.isOpen() && proxy.isOpen(), qPrintable(source.errorString() + proxy.errorString()));
+        const QByteArray bytes = allByteValues();
+        QVERIFY(writer.send(bytes));
+        QCOMPARE(collect(source, bytes.size()), bytes);
+        QCOMPARE(proxy.write(bytes.constData(), bytes.size()), qint64(bytes.size()));
+        QCOMPARE(reader.receive(bytes.size()), bytes);
+        reader.closeMaster();
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("^cannot write to .*out: Broken pipe")));
+        QCOMPARE(proxy.write("x", 1), qint64(-1));
+        sigset_t pending;
+        sigpending(&pending);
+        QVERIFY(!sigismember(&pending, SIGPIPE));
+        QVERIFY(!proxy.isOpen());
+    }
+
+    // An idle read returns at once; 1 MiB reaches a slow reader whole, through partial writes.
+    void readIdleAndWriteLarge()
+    {
+        PtyPair pty(true);
+        KrFileDeviceProxy proxy(pty.slavePath);
+        char buffer[64];
+        QElapsedTimer timer;
+        timer.start();
+        for (int i = 0; i < 10; ++i)
+            QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(0));
+        QVERIFY2(timer.elapsed() < 50, "a read with nothing waiting waited");
+        proxy.setWriteTimeoutMs(30000);
+        QByteArray bytes(1 << 20, Qt::Uninitialized);
+        for (int i = 0; i < bytes.size(); ++i)
+            bytes[i] = char(i * 7 + i / 4096);
+        qint64 written = 0;
+        std::thread writer([&] { written = proxy.write(bytes.constData(), bytes.size()); });
+        const QByteArray received = pty.receive(bytes.size(), {}, 30000, 256);
+        writer.join();
+        QCOMPARE(written, qint64(bytes.size()));
+        QVERIFY(received == bytes);
+    }
+
+    void exchange_data()
+    {
+        QTest::addColumn<QByteArray>("terminator");
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<int>("replySize");
+        QTest::addColumn<QByteArray>("laterInput"); // the reply: the answer without it
+        QTest::newRow("reply") << QByteArray("\n") << QByteArray("25.0\n") << 64 << QByteArray();
+        QTest::newRow("two-byte terminator") << QByteArray("\r\n") << QByteArray("A\rB\nC\r\n") << 64 << QByteArray();
+        QTest::newRow("bytes after the reply are input")
+            << QByteArray("\n") << QByteArray("42\nextra") << 64 << QByteArray("extra");
+        QTest::newRow("buffer fills first") << QByteArray("\n") << QByteArray("123456\n") << 4 << QByteArray("56\n");
+        QTest::newRow("no terminator: the buffer's size")
+            << QByteArray() << QByteArray("\0\n\r\x03", 4) << 4 << QByteArray();
+        QTest::newRow("no reply") << QByteArray("\n") << QByteArray() << 64 << QByteArray();
+    }
+    void exchange()
+    {
+        QFETCH(QByteArray, terminator);
+        QFETCH(QByteArray, answer);
+        QFETCH(int, replySize);
+        QFETCH(QByteArray, laterInput);
+        const qint64 result = answer.isEmpty() ? -1 : answer.size() - laterInput.size();
+        PtyPair pty(true);
+        KrFileDeviceProxy proxy(pty.slavePath);
+        QSignalSpy readyRead(&proxy, &KrFileDeviceProxy::readyRead);
+        proxy.setReplyTerminator(terminator);
+        QByteArray reply(replySize, '\xee');
+        QCOMPARE(ask(pty, proxy, "T?\n", answer, reply, answer.isEmpty() ? 30 : 5000), result);
+        QCOMPARE(reply.left(int(qMax<qint64>(0, result))), answer.left(answer.size() - laterInput.size()));
+        QCOMPARE(collect(proxy, laterInput.size()), laterInput);
+        if (result >= 0)
+            return;
+        QVERIFY(proxy.errorString().contains(pty.slavePath));
+        // A reply after its exchange gave up is input; the next request does not take it.
+        QVERIFY(pty.send("late\n") && readyRead.wait(5000));
+        QCOMPARE(ask(pty, proxy, "B?\n", "fresh\n", reply), qint64(6));
+        QCOMPARE(reply.left(6), QByteArray("fresh\n"));
+    }
+
+    // Writes, exchanges and a collector's reads at once: each write and request reaches the
+    // device whole, each reply its own exchange, never the collector.
+    void concurrentWritesAndExchanges()
+    {
+        PtyPair pty(true);
+        KrFileDeviceProxy proxy(pty.slavePath);
+        constexpr int rounds = 40;
+        QByteArrayList commands, requests, replies, expectedReplies, seen[2];
+        for (int i = 0; i < rounds; ++i) {
+            commands << "W" + QByteArray::number(i) + QByteArray(200, 'w') + "\n";
+            requests << "Q" + QByteArray::number(i) + "\n";
+            expectedReplies << "A" + QByteArray::number(i) + "\n";
+        }
+        std::atomic<bool> done{false};
+        std::thread device([&] {
+            for (int line = 0; line < 2 * rounds; ++line) {
+                const QByteArray got = pty.receive(1 << 16, "\n");
+                seen[got.startsWith("Q")] << got;
+                if (got.startsWith("Q"))
+                    pty.send("A" + got.mid(1));
+            }
+        });
+        std::thread collector([&] {
+            for (char buffer[64]; !done.load(); std::this_thread::yield())
+                proxy.read(buffer, sizeof buffer);
+        });
+        std::atomic<int> written{0};
+        std::thread commandThread([&] {
+            for (const QByteArray &command : qAsConst(commands))
+                written += proxy.write(command.constData(), command.size()) == command.size();
+        });
+        for (QByteArray request : qAsConst(requests)) {
+            char reply[32];
+            const qint64 got = proxy.ioctl(request.data(), request.size(), reply, sizeof reply, 5000);
+            replies << QByteArray(reply, int(qMax<qint64>(0, got)));
+        }
+        commandThread.join();
+        device.join();
+        done.store(true);
+        collector.join();
+        QCOMPARE(written.load(), rounds);
+        QCOMPARE(replies, expectedReplies);
+        QCOMPARE(seen[0], commands);
+        QCOMPARE(seen[1], requests);
+    }
+
+    // Each setting read back; a refused one, a node that is no tty and a second exclusive open
+    // leave the proxy closed with the reason.
+    void settings_data()
+    {
+        QTest::addColumn<QString>("setting");
+        QTest::addColumn<int>("value");
+        QTest::addColumn<QString>("refusal"); // empty: taken
+        QTest::newRow("250000 baud") << "baud" << 250000 << "";
+        QTest::newRow("1000000 baud") << "baud" << 1000000 << "";
+        QTest::newRow("9600 baud") << "baud" << 9600 << "";
+        QTest::newRow("no rate") << "baud" << 0 << "has no baud rate 0";
+        QTest::newRow("2 stop bits") << "stop" << 2 << "";
+        QTest::newRow("RTS/CTS") << "flow" << int(KrSerialDeviceProxy::FlowControl::RtsCts) << "";
+        // A pseudo-terminal keeps 8 data bits without parity, whatever is asked.
+        QTest::newRow("7 data bits") << "data" << 7 << "does not take 7 data bits";
+        QTest::newRow("9 data bits") << "data" << 9 << "has no 9 data bits";
+        QTest::newRow("even parity") << "parity" << int(KrSerialDeviceProxy::Parity::Even)
+                                     << "does not take even parity";
+        QTest::newRow("odd parity") << "parity" << int(KrSerialDeviceProxy::Parity::Odd) << "does not take odd parity";
+        QTest::newRow("RS-485") << "rs485" << 1 << "does not support RS-485 (Inappropriate ioctl for device)";
+        QTest::newRow("not a terminal") << "/dev/null" << 0 << "is not a terminal";
+        QTest::newRow("missing") << "/dev/missing" << 0 << "cannot open %1: No such file or directory";
+        QTest::newRow("directory") << "/dev" << 0 << "cannot open %1: Is a directory";
+        QTest::newRow("second exclusive open") << "in use" << 0 << "is in use";
+    }
+    void settings()
+    {
+        QFETCH(QString, setting);
+        QFETCH(int, value);
+        QFETCH(QString, refusal);
+        if (!m_noLineSettings.isEmpty())
+            QSKIP(qPrintable(m_noLineSettings));
+        PtyPair pty;
+        const QString path = setting.startsWith(QLatin1Char('/')) ? setting : pty.slavePath;
+        const QString error = refusal.isEmpty()     ? QString()
+            : refusal.contains(QLatin1String("%1")) ? refusal.arg(path)
+                                                    : path + QLatin1Char(' ') + refusal;
+        if (!error.isEmpty())
+            QTest::ignoreMessage(QtWarningMsg, qPrintable(error));
+        auto first = setting == QLatin1String("in use") ? std::make_unique<KrSerialDeviceProxy>(path) : nullptr;
+        KrSerialDeviceProxy proxy(path);
+        using Proxy = KrSerialDeviceProxy;
+        const std::map<QString, std::function<bool(int)>> setters{{"baud", [&](int v) { return proxy.setBaudRate(v); }},
+            {"stop", [&](int v) { return proxy.setStopBits(v); }},
+            {"flow", [&](int v) { return proxy.setFlowControl(Proxy::FlowControl(v)); }},
+            {"data", [&](int v) { return proxy.setDataBits(v); }},
+            {"parity", [&](int v) { return proxy.setParity(Proxy::Parity(v)); }},
+            {"rs485", [&](int) {
+                 return proxy.setRs485({true, true, 0, 0});
+             }}};
+        const auto setter = setters.find(setting);
+        const bool taken = setter == setters.end() ? proxy.isOpen() : setter->second(value);
+        QCOMPARE(taken, error.isEmpty());
+        QCOMPARE(proxy.isOpen(), error.isEmpty());
+        QCOMPARE(proxy.errorString(), error);
+        if (setting == QLatin1String("baud") && taken)
+            QCOMPARE(proxy.baudRate(), value);
+        char buffer[4] = "?\n";
+        QCOMPARE(proxy.write(buffer, 2), error.isEmpty() ? qint64(2) : qint64(-1));
+        QCOMPARE(proxy.read(buffer, sizeof buffer), error.isEmpty() ? qint64(0) : qint64(-1));
+        QCOMPARE(proxy.ioctl(buffer, 2, buffer, sizeof buffer, 10), qint64(-1));
+        if (!first)
+            return;
+        // Free again once the first lets go.
+        first.reset();
+        proxy.setReopenIntervalMs(0);
+        QTest::ignoreMessage(QtInfoMsg, qPrintable(path + QStringLiteral(" is back")));
+        QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(0));
+        QVERIFY(proxy.isOpen());
+    }
+
+    // A device that is missing at the start, appears, goes away and comes back behind a
+    // by-id link: one warning per loss, one message when back, the settings kept. Each time the
+    // line runs raw whatever the tty was set to, and what waited before the open is gone.
+    void lossAndRecovery()
+    {
+        if (!m_noLineSettings.isEmpty())
+            QSKIP(qPrintable(m_noLineSettings));
+        QTemporaryDir dir;
+        const QString link = dir.filePath(QStringLiteral("by-id"));
+        MessageRecorder recorder;
+        const auto messages = [&recorder] { // without the source that a Debug build appends
+            return recorder.takeMessages().replaceInStrings(QRegularExpression(QStringLiteral(" @.*")), QString());
+        };
+        QVERIFY(pointLink(link, dir.filePath(QStringLiteral("nothing"))));
+        KrSerialDeviceProxy proxy(link, 250000);
+        proxy.setReopenIntervalMs(0);
+        char buffer[64];
+        QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(-1));
+        QCOMPARE(messages(),
+            QStringList(QStringLiteral("warning krpal.devices: cannot open %1: No such file or directory").arg(link)));
+        const QStringList back{QStringLiteral("info krpal.devices: %1 is back").arg(link)};
+        const QStringList lost{QStringLiteral("warning krpal.devices: %1 has hung up").arg(link)};
+        const QByteArray bytes = allByteValues();
+        std::unique_ptr<PtyPair> pty;
+        for (int device = 0; device < 3; ++device) {
+            if (pty) {
+                pty->closeMaster();
+                QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(-1));
+                QCOMPARE(proxy.write("x", 1), qint64(-1));
+                QVERIFY(!proxy.isOpen());
+                QCOMPARE(messages(), lost);
+                // The old node is gone: attempts to open it again fail without a word.
+                QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(-1));
+                QCOMPARE(messages(), QStringList());
+            }
+            pty = std::make_unique<PtyPair>();
+            QVERIFY(pty->send("waiting before the open\n")); // cooked, without echo
+            QVERIFY(pointLink(link, pty->slavePath));
+            qint64 got = -1; // the first read that opens the line finds nothing waiting
+            QTRY_VERIFY((got = proxy.read(buffer, sizeof buffer)) >= 0);
+            QCOMPARE(got, qint64(0));
+            QCOMPARE(messages(), back);
+            QCOMPARE(proxy.baudRate(), 250000);
+            QVERIFY(pty->send(bytes));
+            QCOMPARE(collect(proxy, bytes.size()), bytes);
+            QCOMPARE(proxy.write(bytes.constData(), bytes.size()), qint64(bytes.size()));
+            QCOMPARE(pty->receive(bytes.size()), bytes);
+        }
+    }
+};
+
+QTEST_GUILESS_MAIN(TestKrDeviceProxies)
+#include "tst_krdeviceproxies.moc"
