@@ -130,7 +130,7 @@ endif()
 file(MAKE_DIRECTORY "${root}/var/lib/dpkg/info" "${root}/var/lib/dpkg/updates")
 file(TOUCH "${root}/var/lib/dpkg/status" "${root}/var/lib/dpkg/available")
 foreach(major IN LISTS majors)
-    run(dpkg "--root=${root}" --log=/dev/null --force-not-root --force-depends --force-script-chrootless
+    run(dpkg "--root=${root}" "--log=${WORK_DIR}/dpkg.log" --force-not-root --force-depends --force-script-chrootless
         -i ${${major}_debs})
 endforeach()
 run(dpkg-query "--admindir=${root}/var/lib/dpkg" -W "-f=\${Package} \${Status}\n")
