@@ -1,5 +1,6 @@
 // The ready-made device proxies on real pseudo-terminals, FIFOs and files.
 
+#include "emulateduart.h"
 #include "messagerecorder.h"
 #include "ptypair.h"
 #include "testproxy.h"
@@ -13,6 +14,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QMetaEnum>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QtEndian>
@@ -353,66 +355,117 @@ private Q_SLOTS:
         QCOMPARE(seen[1], requests);
     }
 
-    // Each setting read back; a refused one, a node that is no tty and a second exclusive open
-    // leave the proxy closed with the reason.
+    // Each setting taken and read back whole, or refused with the reason, by a pseudo-terminal
+    // or a UART driver emulated on one (see emulateduart.cpp); a node that is no tty and a
+    // second exclusive open leave the proxy closed with the reason too.
     void settings_data()
     {
+        QTest::addColumn<QByteArray>("driver"); // empty: the pseudo-terminal alone
         QTest::addColumn<QString>("setting");
         QTest::addColumn<int>("value");
-        QTest::addColumn<QString>("refusal"); // empty: taken
-        QTest::newRow("250000 baud") << "baud" << 250000 << "";
-        QTest::newRow("1000000 baud") << "baud" << 1000000 << "";
-        QTest::newRow("9600 baud") << "baud" << 9600 << "";
-        QTest::newRow("no rate") << "baud" << 0 << "has no baud rate 0";
-        QTest::newRow("2 stop bits") << "stop" << 2 << "";
-        QTest::newRow("RTS/CTS") << "flow" << int(KrSerialDeviceProxy::FlowControl::RtsCts) << "";
+        QTest::addColumn<QString>("outcome"); // the settings read back, or the refusal
+        const auto row = [](const char *name, const char *driver, const char *setting, int value, const char *outcome) {
+            QTest::newRow(name) << QByteArray(driver) << QString(setting) << value << QString(outcome);
+        };
+        const int rtsCts = int(KrSerialDeviceProxy::FlowControl::RtsCts), xonXoff = rtsCts + 1;
+        const int even = int(KrSerialDeviceProxy::Parity::Even), odd = even + 1;
+        row("250000 baud", "", "baud", 250000, "250000 8N1 None exclusive, RS-485 off");
+        row("1000000 baud", "", "baud", 1000000, "1000000 8N1 None exclusive, RS-485 off");
+        row("9600 baud", "", "baud", 9600, "9600 8N1 None exclusive, RS-485 off");
+        row("no rate", "", "baud", 0, "has no baud rate 0");
+        row("2 stop bits", "", "stop", 2, "115200 8N2 None exclusive, RS-485 off");
+        row("3 stop bits", "", "stop", 3, "has no 3 stop bits");
+        row("RTS/CTS", "", "flow", rtsCts, "115200 8N1 RtsCts exclusive, RS-485 off");
+        row("XON/XOFF", "", "flow", xonXoff, "115200 8N1 XonXoff exclusive, RS-485 off");
+        row("shared", "", "exclusive", 0, "115200 8N1 None shared, RS-485 off");
         // A pseudo-terminal keeps 8 data bits without parity, whatever is asked.
-        QTest::newRow("7 data bits") << "data" << 7 << "does not take 7 data bits";
-        QTest::newRow("9 data bits") << "data" << 9 << "has no 9 data bits";
-        QTest::newRow("even parity") << "parity" << int(KrSerialDeviceProxy::Parity::Even)
-                                     << "does not take even parity";
-        QTest::newRow("odd parity") << "parity" << int(KrSerialDeviceProxy::Parity::Odd) << "does not take odd parity";
-        QTest::newRow("RS-485") << "rs485" << 1 << "does not support RS-485 (Inappropriate ioctl for device)";
-        QTest::newRow("not a terminal") << "/dev/null" << 0 << "is not a terminal";
-        QTest::newRow("missing") << "/dev/missing" << 0 << "cannot open %1: No such file or directory";
-        QTest::newRow("directory") << "/dev" << 0 << "cannot open %1: Is a directory";
-        QTest::newRow("second exclusive open") << "in use" << 0 << "is in use";
+        row("7 data bits", "", "data", 7, "does not take 7 data bits");
+        row("9 data bits", "", "data", 9, "has no 9 data bits");
+        row("4 data bits", "", "data", 4, "has no 4 data bits");
+        row("even parity", "", "parity", even, "does not take even parity");
+        row("odd parity", "", "parity", odd, "does not take odd parity");
+        row("RS-485", "", "rs485", 1, "does not support RS-485 (Inappropriate ioctl for device)");
+        row("not a terminal", "", "/dev/null", 0, "is not a terminal");
+        row("missing", "", "/dev/missing", 0, "cannot open %1: No such file or directory");
+        row("directory", "", "/dev", 0, "cannot open %1: Is a directory");
+        row("second exclusive open", "", "in use", 0, "is in use");
+        // A UART runs at 3 MHz over a whole divisor: 115200 baud come out as 115384.
+        row("UART: 5 data bits", "uart", "data", 5, "115384 5N1 None exclusive, RS-485 off");
+        row("UART: 6 data bits", "uart", "data", 6, "115384 6N1 None exclusive, RS-485 off");
+        row("UART: 7 data bits", "uart", "data", 7, "115384 7N1 None exclusive, RS-485 off");
+        row("UART: even parity", "uart", "parity", even, "115384 8E1 None exclusive, RS-485 off");
+        row("UART: odd parity", "uart", "parity", odd, "115384 8O1 None exclusive, RS-485 off");
+        row("UART: 1500000 baud", "uart", "baud", 1500000, "1500000 8N1 None exclusive, RS-485 off");
+        row("UART: 2000000 baud", "uart", "baud", 2000000, "does not take the baud rate 2000000 (it runs at 1500000)");
+        row("UART under signals", "eintr", "stop", 2, "115384 8N2 None exclusive, RS-485 off");
+        row("UART, 1 stop bit only", "1-stop-bit", "stop", 2, "does not take 2 stop bits");
+        row("UART without RTS/CTS", "no-rtscts", "flow", rtsCts, "does not take the RTS/CTS flow control setting");
+        row("UART without XON/XOFF", "no-xonxoff", "flow", xonXoff, "does not take the XON/XOFF flow control setting");
+        row("UART with even parity only", "even-only", "", 0, "does not take no parity");
+        row("UART without settings", "get-fails", "", 0, "has no line settings: Input/output error");
+        row("UART losing its settings", "reread-fails", "", 0, "has no line settings: Input/output error");
+        row("UART refusing settings", "set-fails", "", 0, "refuses its line settings: Invalid argument");
+        // The serial core holds the RTS delays to 100 ms.
+        row("UART: RS-485", "rs485", "rs485", 1, "115384 8N1 None exclusive, RS-485 RTS on send 5/100 ms");
+        row("UART: RS-485, RTS after", "rs485", "rs485", 0,
+            "115384 8N1 None exclusive, RS-485 RTS after send 5/100 ms");
+        row("UART: RS-485 off again", "rs485", "rs485 off", 0, "115384 8N1 None exclusive, RS-485 off");
+        row("UART: RTS on send only", "rs485 rts-on-send", "rs485", 0, "does not take the RS-485 RTS polarity");
+        row("UART: no RS-485 control", "rs485 rs485-stays-off", "rs485", 1, "does not take RS-485 on");
+        row("UART: RS-485 always on", "rs485 rs485-stays-on", "rs485 off", 1, "does not take RS-485 off");
+        row("UART: RS-485 fails", "rs485 rs485-set-eio", "rs485", 1, "refuses RS-485: Input/output error");
+        row("UART: RS-485 unread", "rs485 rs485-get-einval", "rs485", 1, "does not support RS-485 (Invalid argument)");
     }
     void settings()
     {
+        QFETCH(QByteArray, driver);
         QFETCH(QString, setting);
         QFETCH(int, value);
-        QFETCH(QString, refusal);
+        QFETCH(QString, outcome);
         if (!m_noLineSettings.isEmpty())
             QSKIP(qPrintable(m_noLineSettings));
         PtyPair pty;
+        const EmulatedUart uart(pty.slavePath, driver);
         const QString path = setting.startsWith(QLatin1Char('/')) ? setting : pty.slavePath;
-        const QString error = refusal.isEmpty()     ? QString()
-            : refusal.contains(QLatin1String("%1")) ? refusal.arg(path)
-                                                    : path + QLatin1Char(' ') + refusal;
+        const bool taken = outcome.front().isDigit();
+        const QString error = taken                 ? QString()
+            : outcome.contains(QLatin1String("%1")) ? outcome.arg(path)
+                                                    : path + QLatin1Char(' ') + outcome;
         if (!error.isEmpty())
             QTest::ignoreMessage(QtWarningMsg, qPrintable(error));
         auto first = setting == QLatin1String("in use") ? std::make_unique<KrSerialDeviceProxy>(path) : nullptr;
         KrSerialDeviceProxy proxy(path);
         using Proxy = KrSerialDeviceProxy;
-        const std::map<QString, std::function<bool(int)>> setters{{"baud", [&](int v) { return proxy.setBaudRate(v); }},
-            {"stop", [&](int v) { return proxy.setStopBits(v); }},
-            {"flow", [&](int v) { return proxy.setFlowControl(Proxy::FlowControl(v)); }},
-            {"data", [&](int v) { return proxy.setDataBits(v); }},
-            {"parity", [&](int v) { return proxy.setParity(Proxy::Parity(v)); }},
-            {"rs485", [&](int) {
-                 return proxy.setRs485({true, true, 0, 0});
-             }}};
+        const Proxy::Rs485 rs485{true, value != 0, 5, 250};
+        const std::map<QString, std::function<bool()>> setters{{"baud", [&] { return proxy.setBaudRate(value); }},
+            {"stop", [&] { return proxy.setStopBits(value); }},
+            {"flow", [&] { return proxy.setFlowControl(Proxy::FlowControl(value)); }},
+            {"data", [&] { return proxy.setDataBits(value); }},
+            {"parity", [&] { return proxy.setParity(Proxy::Parity(value)); }},
+            {"exclusive", [&] { return proxy.setExclusive(value); }}, {"rs485", [&] { return proxy.setRs485(rs485); }},
+            {"rs485 off", [&] { return proxy.setRs485(rs485) && proxy.setRs485({}); }}};
         const auto setter = setters.find(setting);
-        const bool taken = setter == setters.end() ? proxy.isOpen() : setter->second(value);
-        QCOMPARE(taken, error.isEmpty());
-        QCOMPARE(proxy.isOpen(), error.isEmpty());
+        QCOMPARE(setter == setters.end() ? proxy.isOpen() : setter->second(), taken);
+        QCOMPARE(proxy.isOpen(), taken);
         QCOMPARE(proxy.errorString(), error);
-        if (setting == QLatin1String("baud") && taken)
-            QCOMPARE(proxy.baudRate(), value);
+        const Proxy::Rs485 mode = proxy.rs485();
+        if (taken)
+            QCOMPARE(QStringLiteral("%1 %2%3%4 %5 %6, RS-485 %7")
+                         .arg(proxy.baudRate())
+                         .arg(proxy.dataBits())
+                         .arg(QLatin1Char("NEO"[int(proxy.parity())]))
+                         .arg(proxy.stopBits())
+                         .arg(QMetaEnum::fromType<Proxy::FlowControl>().valueToKey(int(proxy.flowControl())))
+                         .arg(proxy.isExclusive() ? "exclusive" : "shared")
+                         .arg(mode.enabled ? QStringLiteral("RTS %1 send %2/%3 ms")
+                                                 .arg(mode.rtsOnSend ? "on" : "after")
+                                                 .arg(mode.delayBeforeSendMs)
+                                                 .arg(mode.delayAfterSendMs)
+                                           : QStringLiteral("off")),
+                outcome);
         char buffer[4] = "?\n";
-        QCOMPARE(proxy.write(buffer, 2), error.isEmpty() ? qint64(2) : qint64(-1));
-        QCOMPARE(proxy.read(buffer, sizeof buffer), error.isEmpty() ? qint64(0) : qint64(-1));
+        QCOMPARE(proxy.write(buffer, 2), taken ? qint64(2) : qint64(-1));
+        QCOMPARE(proxy.read(buffer, sizeof buffer), taken ? qint64(0) : qint64(-1));
         QCOMPARE(proxy.ioctl(buffer, 2, buffer, sizeof buffer, 10), qint64(-1));
         if (!first)
             return;
@@ -442,6 +495,7 @@ private Q_SLOTS:
         proxy.setReopenIntervalMs(0);
         char buffer[64];
         QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(-1));
+        QCOMPARE(proxy.baudRate(), 250000); // as asked, while the line is missing
         QCOMPARE(messages(),
             QStringList(QStringLiteral("warning krpal.devices: cannot open %1: No such file or directory").arg(link)));
         const QStringList back{QStringLiteral("info krpal.devices: %1 is back").arg(link)};
