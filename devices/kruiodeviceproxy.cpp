@@ -75,11 +75,8 @@ KrUioDeviceProxy::KrUioDeviceProxy(const QString &device, int mapIndex, const QS
     : KrAbstractDeviceProxy(parent)
     , m_device(device)
 {
+    // Mapping is the last step of open() that can fail: nothing is mapped after a failure.
     if (!open(device, mapIndex, rootDir)) {
-        if (m_mapping)
-            ::munmap(m_mapping, m_mappingLength);
-        m_mapping = nullptr;
-        m_registers = nullptr;
         m_mapSize = 0;
         if (m_fd >= 0)
             ::close(m_fd);

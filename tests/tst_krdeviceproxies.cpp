@@ -89,10 +89,16 @@ private Q_SLOTS:
     void initTestCase()
     {
         uio(1, "adc-ctrl", {"0x1000", "0x20"});
-        uio(2, "broken", {"0x0"});
+        uio(2, "broken", {"0x0", "0x100000000"});
+        uio(-1, "adc-ctrl", {"0x1000"}); // no UIO number: never taken for uio1
         uio(3, "short", {"0x1000"});
         uio(4, "fifo", {"0x1000"});
         uio(5, "absent", {"0x1000"});
+        uio(6, "odd offset", {"0x1000"});
+        uio(8, "far offset", {"0x1000"});
+        put(QStringLiteral("sys/class/uio/uio1/maps/map1/offset"), "0x10\n"); // the block starts 16 bytes into its page
+        put(QStringLiteral("sys/class/uio/uio6/maps/map0/offset"), "");
+        put(QStringLiteral("sys/class/uio/uio8/maps/map0/offset"), QByteArray::number(m_page));
         put(QStringLiteral("dev/uio3"), QByteArray(100, 0));
         put(QStringLiteral("dev/adc"), QByteArray(m_page, 0));
         QCOMPARE(mkfifo(QFile::encodeName(m_root.filePath(QStringLiteral("dev/uio4"))).constData(), 0600), 0);
@@ -130,7 +136,14 @@ private Q_SLOTS:
         QTest::newRow("unaligned") << "adc-ctrl" << 0 << bad(6) << none << "register offset 0x6 is not a multiple of 4";
         QTest::newRow("unknown name") << "adc" << 0 << none << none << "no UIO device of this name in %1/sys/class/uio";
         QTest::newRow("no such map") << "adc-ctrl" << 2 << none << none << "uio1 has no map 2";
+        QTest::newRow("map -2") << "adc-ctrl" << -2 << none << none << "uio1 has no map -2";
+        QTest::newRow("size 4 GiB") << "broken" << 1 << none << none
+                                    << "map 1 of uio2 has no usable size (\"0x100000000\")";
         QTest::newRow("size 0") << "broken" << 0 << none << none << "map 0 of uio2 has no usable size (\"0x0\")";
+        QTest::newRow("empty offset") << "odd offset" << 0 << none << none
+                                      << "map 0 of uio6 has no usable offset (\"\")";
+        QTest::newRow("offset a page") << "far offset" << 0 << none << none
+                                       << QStringLiteral("map 0 of uio8 has no usable offset (\"%2\")").arg(m_page);
         QTest::newRow("no uioN node") << "/dev/adc" << 0 << none << none << "%1/dev/adc is no UIO node (/dev/uioN)";
         QTest::newRow("no node") << "absent" << 0 << none << none
                                  << "cannot open %1/dev/uio5: No such file or directory";
@@ -157,19 +170,24 @@ private Q_SLOTS:
             values.append(
                 qFromLittleEndian<quint32>(stored.mid(int(offsets.last()), 4).leftJustified(4, 0).constData()));
         }
+        if (error.startsWith(QLatin1String("register offset"))) // refused by a load as by a store
+            offsets = {qFromLittleEndian<quint32>(batch.constData() + batch.size() - 8)};
         QByteArray request = KrUioRegisters::offsets(offsets);
         QByteArray reply(request.size(), 0);
         const qint64 loaded = proxy.ioctl(request.data(), request.size(), reply.data(), reply.size(), 0);
-        QCOMPARE(loaded, opens ? request.size() : -1);
+        QCOMPARE(loaded, opens && offsets.size() == values.size() ? request.size() : -1);
         QCOMPARE(KrUioRegisters::values(reply.constData(), loaded), values);
         QCOMPARE(proxy.read(reply.data(), 8), opens ? 0 : -1); // a file gives no interrupt
         if (opens && error.isEmpty()) {
+            QCOMPARE(proxy.ioctl(request.data(), 6, reply.data(), 8, 0), -1);
+            QCOMPARE(
+                proxy.errorString(), message(device, "a register request of 6 bytes is no whole number of offsets"));
             request = KrUioRegisters::offsets({0, 4});
             QCOMPARE(proxy.ioctl(request.data(), 8, reply.data(), 4, 0), -1);
             error = QStringLiteral("a reply of 4 bytes cannot hold the 2 registers asked for");
         }
         QByteArray expected(2 * m_page, 0);
-        expected.replace(mapIndex * m_page, stored.size(), stored);
+        expected.replace(mapIndex * (m_page + 0x10), stored.size(), stored);
         QFile node(m_root.filePath(QStringLiteral("dev/uio1")));
         QVERIFY(node.open(QIODevice::ReadOnly));
         QCOMPARE(node.readAll(), expected);
@@ -193,8 +211,12 @@ private Q_SLOTS:
         QCOMPARE(pty.receive(4), enable);
         char count[8] = {};
         QCOMPARE(proxy.read(count, 8), 0);
+        QCOMPARE(proxy.read(nullptr, 8), -1);
+        QCOMPARE(proxy.errorString(), message("irq", "an interrupt count needs 4 bytes, the buffer holds 0"));
         QCOMPARE(proxy.read(count, 3), -1);
         QCOMPARE(proxy.errorString(), message("irq", "an interrupt count needs 4 bytes, the buffer holds 3"));
+        QCOMPARE(proxy.write(QByteArray(8, 0).constData(), 8), -1); // without registers
+        QCOMPARE(proxy.errorString(), message("irq", "register offset 0x0 is outside the map of 0x0 bytes"));
         QSignalSpy readyRead(&proxy, &KrUioDeviceProxy::readyRead);
         QVERIFY(interrupt(12) && readyRead.wait(1000));
         QCOMPARE(pty.receive(4), enable);
@@ -216,6 +238,26 @@ private Q_SLOTS:
         }
         collector.stop();
         QCOMPARE(pty.receive(4, {}, 20), QByteArray()); // no enable more than that
+        // A count cut short stops the watch. An interrupt that cannot be enabled again is taken.
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(message("irq", "the interrupt count came as 2 bytes")));
+        QVERIFY(pty.send(QByteArray(2, 0)));
+        QTRY_COMPARE(proxy.errorString(), message("irq", "the interrupt count came as 2 bytes"));
+        const int output = ::open(qPrintable(pty.slavePath), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        while (::write(output, count, sizeof count) > 0) { } // no room left for the enable
+        QTest::ignoreMessage(QtWarningMsg,
+            qPrintable(message("irq", "cannot enable the interrupt again: Resource temporarily unavailable")));
+        QVERIFY(interrupt(14));
+        qint64 got = 0;
+        QVERIFY(QTest::qWaitFor([&] { return (got = proxy.read(count, 8)) != 0; }));
+        QCOMPARE(got, qint64(4));
+        QCOMPARE(qFromLittleEndian<quint32>(count), 14u);
+        ::close(output);
+        // A node that takes no enable has no interrupt; a name is looked for in the system's own directories.
+        uio(9, "no irq", {});
+        QVERIFY(QFile::link(QStringLiteral("/dev/full"), m_root.filePath(QStringLiteral("dev/uio9"))));
+        QCOMPARE(KrUioDeviceProxy(QStringLiteral("no irq"), KrUioDeviceProxy::NoMap, m_root.path()).read(count, 8), 0);
+        QCOMPARE(KrUioDeviceProxy(QStringLiteral("krpal-none")).errorString(),
+            QStringLiteral("UIO device \"krpal-none\": no UIO device of this name in /sys/class/uio"));
     }
 
     // Every byte value through FIFOs open one way; a write without reader fails, no SIGPIPE.
