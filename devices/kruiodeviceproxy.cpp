@@ -319,7 +319,7 @@ int KrUioDeviceProxy::takeInterrupt(quint32 &count)
     do {
         got = ::read(m_fd, &count, sizeof count);
     } while (got < 0 && errno == EINTR);
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    if (got < 0 && errno == EAGAIN) // which Linux also names EWOULDBLOCK
         return 0;
     if (got != qint64(sizeof count)) {
         setError(got < 0 ? QStringLiteral("cannot take the interrupt: %1").arg(systemError(errno))

@@ -1,21 +1,11 @@
-// A UART driver emulated on a pseudo-terminal: the line settings a pseudo-terminal ignores, the
-// RS-485 mode it lacks, and drivers that refuse. This program's ioctl() comes before the C
-// library's, so the proxies' requests on the tty named come here; all others pass on.
-// The driver's words (any others: a UART that takes each setting):
-//   eintr                              every other request on the tty meets a signal first
-//   get-fails, reread-fails, set-fails the first or second read of the settings, or their change, fails
-//   1-stop-bit, no-rtscts, no-xonxoff  what the UART cannot do, dropped without a word
-//   even-only                          a UART wired for even parity
-//   rs485                              RS-485 (delays at most 100 ms); without it the tty refuses
-//   rs485-set-eio, rs485-get-einval    switching it, or reading it back, fails
-//   rs485-stays-off, rs485-stays-on    transceiver control missing or wired on
-//   rts-on-send                        RTS high while sending only
-// The rate is always 3 MHz divided by a whole number.
-
-#include "emulateduart.h"
+// A UART driver emulated on a pseudo-terminal: this program's ioctl() comes before the C
+// library's, so the proxies' line and RS-485 requests on the tty named come here. The driver's
+// words: eintr (every other request meets a signal first), get-fails, reread-fails, set-fails,
+// 1-stop-bit, no-rtscts, no-xonxoff, even-only, rs485 (which a pseudo-terminal lacks; delays held
+// to 100 ms), rs485-set-eio, rs485-get-einval, rs485-stays-off, rs485-stays-on, rts-on-send. It
+// runs at 3 MHz over a whole divisor.
 
 #include <QFile>
-#include <QList>
 
 #include <asm/ioctls.h>
 #include <asm/termbits.h>
@@ -31,63 +21,49 @@
 namespace {
 
 std::atomic<dev_t> s_node{0};
-QList<QByteArray> s_words;
+QByteArrayList s_words;
 termios2 s_line;
 serial_rs485 s_rs485;
-int s_reads = 0;
-bool s_interrupt = false;
+int s_reads;
+bool s_interrupted;
 
-bool has(const char *word)
-{
-    return s_words.contains(word);
-}
-
-int fail(int error)
-{
-    errno = error;
-    return -1;
-}
-
-// The emulated driver's answer, or -2 to leave the request to the tty.
+// The driver's answer, or -2 to leave the request to the tty.
 int emulate(unsigned long request, void *argument)
 {
-    if (has("eintr") && (s_interrupt = !s_interrupt))
-        return fail(EINTR);
+    const auto has = [](const char *word) { return s_words.contains(word); };
+    const auto fail = [](int error) { return errno = error, -1; };
     auto *const line = static_cast<termios2 *>(argument);
     auto *const rs485 = static_cast<serial_rs485 *>(argument);
-    switch (request) {
-    case TCGETS2:
-        if ((++s_reads == 1 && has("get-fails")) || (s_reads == 2 && has("reread-fails")))
-            return fail(EIO);
-        *line = s_line;
-        return 0;
-    case TCSETS2:
-        if (has("set-fails"))
-            return fail(EINVAL);
+    if (has("eintr") && (s_interrupted = !s_interrupted))
+        return fail(EINTR);
+    if (request == TCGETS2 && ((++s_reads == 1 && has("get-fails")) || (s_reads == 2 && has("reread-fails"))))
+        return fail(EIO);
+    if (request == TCGETS2)
+        return *line = s_line, 0;
+    if (request == TCSETS2 && has("set-fails"))
+        return fail(EINVAL);
+    if (request == TCSETS2) {
         s_line = *line;
         s_line.c_cflag &= ~tcflag_t((has("1-stop-bit") ? CSTOPB : 0) | (has("no-rtscts") ? CRTSCTS : 0));
-        s_line.c_iflag &= ~tcflag_t(has("no-xonxoff") ? IXON | IXOFF : 0);
         s_line.c_cflag |= has("even-only") ? PARENB : 0;
-        s_line.c_ospeed = s_line.c_ispeed = 3000000 / ((3000000 + s_line.c_ospeed / 2) / s_line.c_ospeed);
-        return 0;
-    case TIOCSRS485:
-        if (!has("rs485") || has("rs485-set-eio"))
-            return has("rs485") ? fail(EIO) : -2;
-        s_rs485 = *rs485;
-        s_rs485.flags &= ~__u32(has("rs485-stays-off") ? SER_RS485_ENABLED : 0);
-        s_rs485.flags |= has("rs485-stays-on") ? SER_RS485_ENABLED : 0;
-        if (has("rts-on-send"))
-            s_rs485.flags = (s_rs485.flags | SER_RS485_RTS_ON_SEND) & ~__u32(SER_RS485_RTS_AFTER_SEND);
-        s_rs485.delay_rts_before_send = qMin(s_rs485.delay_rts_before_send, 100u);
-        s_rs485.delay_rts_after_send = qMin(s_rs485.delay_rts_after_send, 100u);
-        return 0;
-    case TIOCGRS485:
-        if (!has("rs485") || has("rs485-get-einval"))
-            return has("rs485") ? fail(EINVAL) : -2;
-        *rs485 = s_rs485;
+        s_line.c_iflag &= ~tcflag_t(has("no-xonxoff") ? IXON | IXOFF : 0);
+        s_line.c_ospeed = s_line.c_ispeed = 3000000 / ((3000000 + line->c_ospeed / 2) / line->c_ospeed);
         return 0;
     }
-    return -2;
+    if ((request != TIOCSRS485 && request != TIOCGRS485) || !has("rs485"))
+        return -2;
+    if (request == TIOCGRS485)
+        return has("rs485-get-einval") ? fail(EINVAL) : (*rs485 = s_rs485, 0);
+    if (has("rs485-set-eio"))
+        return fail(EIO);
+    s_rs485 = *rs485;
+    s_rs485.flags &= ~__u32(has("rs485-stays-off") ? SER_RS485_ENABLED : 0);
+    s_rs485.flags |= has("rs485-stays-on") ? SER_RS485_ENABLED : 0;
+    if (has("rts-on-send"))
+        s_rs485.flags = (s_rs485.flags | SER_RS485_RTS_ON_SEND) & ~__u32(SER_RS485_RTS_AFTER_SEND);
+    s_rs485.delay_rts_before_send = qMin(rs485->delay_rts_before_send, 100u);
+    s_rs485.delay_rts_after_send = qMin(rs485->delay_rts_after_send, 100u);
+    return 0;
 }
 
 } // namespace
@@ -107,22 +83,13 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsi
     return result == -2 ? next(descriptor, request, argument) : result;
 }
 
-EmulatedUart::EmulatedUart(const QString &path, const QByteArray &driver)
+// Emulates the driver that @p driver's words describe on the tty at @p path; none when empty.
+void emulateUart(const QString &path, const QByteArray &driver)
 {
     struct stat status;
-    if (driver.isEmpty() || ::stat(QFile::encodeName(path).constData(), &status) != 0)
-        return;
-    s_words = driver.split(' ');
-    s_line = termios2{};
-    s_line.c_cflag = B9600 | CS8 | CREAD;
-    s_line.c_ispeed = s_line.c_ospeed = 9600;
-    s_rs485 = serial_rs485{};
-    s_reads = 0;
-    s_interrupt = false;
-    s_node.store(status.st_rdev);
-}
-
-EmulatedUart::~EmulatedUart()
-{
     s_node.store(0);
+    s_words = driver.split(' ');
+    s_reads = s_interrupted = 0;
+    if (!driver.isEmpty() && ::stat(QFile::encodeName(path).constData(), &status) == 0)
+        s_node.store(status.st_rdev);
 }

@@ -1,6 +1,5 @@
 // The ready-made device proxies on real pseudo-terminals, FIFOs and files.
 
-#include "emulateduart.h"
 #include "messagerecorder.h"
 #include "ptypair.h"
 #include "testproxy.h"
@@ -17,6 +16,7 @@
 #include <QMetaEnum>
 #include <QRegularExpression>
 #include <QSignalSpy>
+#include <QTemporaryFile>
 #include <QtEndian>
 
 #include <atomic>
@@ -31,16 +31,21 @@ using Pal::KrSerialDeviceProxy;
 using Pal::KrUioDeviceProxy;
 using Pal::KrUioRegisters;
 
+void emulateUart(const QString &path, const QByteArray &driver); // emulateduart.cpp
+
 namespace {
 
 // Sends @p request through @p proxy while the test, as the device, reads one line and sends
-// @p answer (nothing when empty). The ioctl's result; -2 when the device saw another request.
+// @p answer (nothing when empty), having run @p meanwhile. The ioctl's result; -2 when the
+// device saw another request.
 qint64 ask(const PtyPair &pty, KrFileDeviceProxy &proxy, QByteArray request, const QByteArray &answer,
-    QByteArray &reply, quint32 timeoutMs = 5000)
+    QByteArray &reply, quint32 timeoutMs = 5000, const std::function<void()> &meanwhile = {})
 {
     QByteArray seen;
     std::thread device([&] {
         seen = pty.receive(1 << 20, "\n");
+        if (meanwhile)
+            meanwhile();
         if (!answer.isEmpty())
             pty.send(answer);
     });
@@ -48,6 +53,13 @@ qint64 ask(const PtyPair &pty, KrFileDeviceProxy &proxy, QByteArray request, con
     device.join();
     return seen == request ? got : -2;
 }
+
+// A proxy that asks how much input waits, as one that hands out whole blocks does.
+struct StreamProxy : KrFileDeviceProxy
+{
+    using KrFileDeviceProxy::bytesAvailable;
+    using KrFileDeviceProxy::KrFileDeviceProxy;
+};
 
 // Points @p link at @p target at once, as udev replaces a by-id link.
 bool pointLink(const QString &link, const QString &target)
@@ -109,6 +121,7 @@ private Q_SLOTS:
             m_noLineSettings = error;
     }
     void init() { put(QStringLiteral("dev/uio1"), QByteArray(2 * m_page, 0)); }
+    void cleanup() { emulateUart({}, {}); }
 
     // Opening by name or node, stores in order and the registers read back, a rejected batch
     // leaving every byte as it was, and every failure with its reason.
@@ -121,36 +134,31 @@ private Q_SLOTS:
         QTest::addColumn<QString>("error");
         const QByteArray batch = KrUioRegisters::writes({{0, 0x11223344}, {8, 0xaabbccdd}, {0, 0x55667788}});
         const auto bad = [&batch](quint32 offset) -> QByteArray { return batch + KrUioRegisters::write(offset, 1); };
-        const QByteArray none;
-        QTest::newRow("by name, in order")
-            << "adc-ctrl" << 0 << batch << QByteArray::fromHex("8877665500000000ddccbbaa") << "";
-        QTest::newRow("by node, second map") << "/dev/uio1" << 1 << KrUioRegisters::writes({{0x1c, 7}, {4, 2}})
-                                             << QByteArray::fromHex("0000000002").leftJustified(28, 0) + '\7' << "";
-        QTest::newRow("empty batch") << "adc-ctrl" << 0 << none << none << "";
-        QTest::newRow("half a pair") << "adc-ctrl" << 0 << batch.left(20) << none
-                                     << "a register batch of 20 bytes is no whole number of (offset, value) pairs";
-        QTest::newRow("past the map") << "adc-ctrl" << 0 << bad(0x1000) << none
-                                      << "register offset 0x1000 is outside the map of 0x1000 bytes";
-        QTest::newRow("past map 1") << "adc-ctrl" << 1 << bad(0x1e) << none
-                                    << "register offset 0x1e is outside the map of 0x20 bytes";
-        QTest::newRow("unaligned") << "adc-ctrl" << 0 << bad(6) << none << "register offset 0x6 is not a multiple of 4";
-        QTest::newRow("unknown name") << "adc" << 0 << none << none << "no UIO device of this name in %1/sys/class/uio";
-        QTest::newRow("no such map") << "adc-ctrl" << 2 << none << none << "uio1 has no map 2";
-        QTest::newRow("map -2") << "adc-ctrl" << -2 << none << none << "uio1 has no map -2";
-        QTest::newRow("size 4 GiB") << "broken" << 1 << none << none
-                                    << "map 1 of uio2 has no usable size (\"0x100000000\")";
-        QTest::newRow("size 0") << "broken" << 0 << none << none << "map 0 of uio2 has no usable size (\"0x0\")";
-        QTest::newRow("empty offset") << "odd offset" << 0 << none << none
-                                      << "map 0 of uio6 has no usable offset (\"\")";
-        QTest::newRow("offset a page") << "far offset" << 0 << none << none
-                                       << QStringLiteral("map 0 of uio8 has no usable offset (\"%2\")").arg(m_page);
-        QTest::newRow("no uioN node") << "/dev/adc" << 0 << none << none << "%1/dev/adc is no UIO node (/dev/uioN)";
-        QTest::newRow("no node") << "absent" << 0 << none << none
-                                 << "cannot open %1/dev/uio5: No such file or directory";
-        QTest::newRow("short image") << "short" << 0 << none << none
-                                     << "cannot map 4096 bytes of map 0 from %1/dev/uio3: the file holds 100 bytes";
-        QTest::newRow("unmappable") << "fifo" << 0 << none << none
-                                    << "cannot map 4096 bytes of map 0 from %1/dev/uio4: No such device";
+        const auto row = [](const char *name, const char *device, int map, const QString &error,
+                             const QByteArray &batch = {}, const QByteArray &stored = {}) {
+            QTest::newRow(name) << QString(device) << map << batch << stored << error;
+        };
+        row("by name, in order", "adc-ctrl", 0, "", batch, QByteArray::fromHex("8877665500000000ddccbbaa"));
+        row("by node, second map", "/dev/uio1", 1, "", KrUioRegisters::writes({{0x1c, 7}, {4, 2}}),
+            QByteArray::fromHex("0000000002").leftJustified(28, 0) + '\7');
+        row("empty batch", "adc-ctrl", 0, "");
+        row("half a pair", "adc-ctrl", 0, "a register batch of 20 bytes is no whole number of (offset, value) pairs",
+            batch.left(20));
+        row("past the map", "adc-ctrl", 0, "register offset 0x1000 is outside the map of 0x1000 bytes", bad(0x1000));
+        row("past map 1", "adc-ctrl", 1, "register offset 0x1e is outside the map of 0x20 bytes", bad(0x1e));
+        row("unaligned", "adc-ctrl", 0, "register offset 0x6 is not a multiple of 4", bad(6));
+        row("unknown name", "adc", 0, "no UIO device of this name in %1/sys/class/uio");
+        row("no such map", "adc-ctrl", 2, "uio1 has no map 2");
+        row("map -2", "adc-ctrl", -2, "uio1 has no map -2");
+        row("size 4 GiB", "broken", 1, "map 1 of uio2 has no usable size (\"0x100000000\")");
+        row("size 0", "broken", 0, "map 0 of uio2 has no usable size (\"0x0\")");
+        row("empty offset", "odd offset", 0, "map 0 of uio6 has no usable offset (\"\")");
+        row("offset a page", "far offset", 0,
+            QStringLiteral("map 0 of uio8 has no usable offset (\"%2\")").arg(m_page));
+        row("no uioN node", "/dev/adc", 0, "%1/dev/adc is no UIO node (/dev/uioN)");
+        row("no node", "absent", 0, "cannot open %1/dev/uio5: No such file or directory");
+        row("short image", "short", 0, "cannot map 4096 bytes of map 0 from %1/dev/uio3: the file holds 100 bytes");
+        row("unmappable", "fifo", 0, "cannot map 4096 bytes of map 0 from %1/dev/uio4: No such device");
     }
     void registers()
     {
@@ -272,9 +280,12 @@ private Q_SLOTS:
         reader.closeMaster();
         // A FIFO opened for writing without blocking needs its reader first.
         reader.master = ::open(out.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-        KrFileDeviceProxy source(QFile::decodeName(in)), proxy(QFile::decodeName(out));
+        StreamProxy source(QFile::decodeName(in)), proxy(QFile::decodeName(out));
         writer.master = ::open(in.constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
         QVERIFY2(source.isOpen() && proxy.isOpen(), qPrintable(source.errorString() + proxy.errorString()));
+        char byte;
+        QCOMPARE(proxy.read(&byte, 1), qint64(-1));
+        QCOMPARE(proxy.errorString(), QFile::decodeName(out) + " is open for writing only");
         const QByteArray bytes = allByteValues();
         QVERIFY(writer.send(bytes));
         QCOMPARE(collect(source, bytes.size()), bytes);
@@ -287,6 +298,9 @@ private Q_SLOTS:
         sigpending(&pending);
         QVERIFY(!sigismember(&pending, SIGPIPE));
         QVERIFY(!proxy.isOpen());
+        writer.closeMaster();
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(QFile::decodeName(in) + " has hung up"));
+        QCOMPARE(source.bytesAvailable(), qint64(-1));
     }
 
     // An idle read returns at once; 1 MiB reaches a slow reader whole, through partial writes.
@@ -300,13 +314,15 @@ private Q_SLOTS:
         for (int i = 0; i < 10; ++i)
             QCOMPARE(proxy.read(buffer, sizeof buffer), qint64(0));
         QVERIFY2(timer.elapsed() < 50, "a read with nothing waiting waited");
-        proxy.setWriteTimeoutMs(30000);
+        QCOMPARE(std::make_pair(proxy.writeTimeoutMs(), proxy.reopenIntervalMs()), std::make_pair(1000, 500));
+        proxy.setWriteTimeoutMs(-1); // no deadline: however slow the reader, every byte goes
         QByteArray bytes(1 << 20, Qt::Uninitialized);
         for (int i = 0; i < bytes.size(); ++i)
             bytes[i] = char(i * 7 + i / 4096);
         qint64 written = 0;
         std::thread writer([&] { written = proxy.write(bytes.constData(), bytes.size()); });
         const QByteArray received = pty.receive(bytes.size(), {}, 30000, 256);
+        pty.closeMaster(); // ends a write left waiting should the reader have given up
         writer.join();
         QCOMPARE(written, qint64(bytes.size()));
         QVERIFY(received == bytes);
@@ -326,6 +342,7 @@ private Q_SLOTS:
         QTest::newRow("no terminator: the buffer's size")
             << QByteArray() << QByteArray("\0\n\r\x03", 4) << 4 << QByteArray();
         QTest::newRow("no reply") << QByteArray("\n") << QByteArray() << 64 << QByteArray();
+        QTest::newRow("no reply wanted") << QByteArray("\n") << QByteArray("ok\n") << 0 << QByteArray("ok\n");
     }
     void exchange()
     {
@@ -345,10 +362,36 @@ private Q_SLOTS:
         if (result >= 0)
             return;
         QVERIFY(proxy.errorString().contains(pty.slavePath));
-        // A reply after its exchange gave up is input; the next request does not take it.
+        // A reply after its exchange gave up is input; the next request does not take it, and a
+        // write meanwhile gives up at its own deadline.
         QVERIFY(pty.send("late\n") && readyRead.wait(5000));
-        QCOMPARE(ask(pty, proxy, "B?\n", "fresh\n", reply), qint64(6));
+        proxy.setWriteTimeoutMs(20);
+        qint64 written = 0;
+        QCOMPARE(ask(pty, proxy, "B?\n", "fresh\n", reply, 5000, [&] { written = proxy.write("W\n", 2); }), 6);
         QCOMPARE(reply.left(6), QByteArray("fresh\n"));
+        QCOMPARE(written, qint64(-1));
+        QCOMPARE(proxy.errorString(), pty.slavePath + " stayed busy with another operation until the deadline");
+    }
+
+    // A reply cut short by a tty that hangs up or a file that ends, and a tty hung up when
+    // asked for its input.
+    void endings()
+    {
+        PtyPair pty(true), idle(true);
+        StreamProxy proxy(pty.slavePath), asked(idle.slavePath);
+        QByteArray reply(8, 0);
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(pty.slavePath + " has hung up"));
+        QCOMPARE(ask(pty, proxy, "T?\n", {}, reply, 5000, [&pty] { pty.closeMaster(); }), -1);
+        idle.closeMaster();
+        const QString error = "cannot ask " + idle.slavePath + " for its input: Input/output error";
+        QTest::ignoreMessage(QtWarningMsg, qPrintable(error));
+        QCOMPARE(asked.bytesAvailable(), qint64(-1));
+        QCOMPARE(asked.errorString(), error);
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        KrFileDeviceProxy ended(file.fileName());
+        QCOMPARE(ended.ioctl(nullptr, 0, reply.data(), 8, 100), qint64(-1));
+        QCOMPARE(ended.errorString(), file.fileName() + " ended before a whole reply");
     }
 
     // Writes, exchanges and a collector's reads at once: each write and request reaches the
@@ -467,7 +510,7 @@ private Q_SLOTS:
         if (!m_noLineSettings.isEmpty())
             QSKIP(qPrintable(m_noLineSettings));
         PtyPair pty;
-        const EmulatedUart uart(pty.slavePath, driver);
+        emulateUart(pty.slavePath, driver);
         const QString path = setting.startsWith(QLatin1Char('/')) ? setting : pty.slavePath;
         const bool taken = outcome.front().isDigit();
         const QString error = taken                 ? QString()
@@ -491,19 +534,15 @@ private Q_SLOTS:
         QCOMPARE(proxy.isOpen(), taken);
         QCOMPARE(proxy.errorString(), error);
         const Proxy::Rs485 mode = proxy.rs485();
+        const QByteArray rs485Mode = mode.enabled ? QString::asprintf("RTS %s send %u/%u ms",
+                                         mode.rtsOnSend ? "on" : "after", mode.delayBeforeSendMs, mode.delayAfterSendMs)
+                                                        .toLatin1()
+                                                  : "off";
         if (taken)
-            QCOMPARE(QStringLiteral("%1 %2%3%4 %5 %6, RS-485 %7")
-                         .arg(proxy.baudRate())
-                         .arg(proxy.dataBits())
-                         .arg(QLatin1Char("NEO"[int(proxy.parity())]))
-                         .arg(proxy.stopBits())
-                         .arg(QMetaEnum::fromType<Proxy::FlowControl>().valueToKey(int(proxy.flowControl())))
-                         .arg(proxy.isExclusive() ? "exclusive" : "shared")
-                         .arg(mode.enabled ? QStringLiteral("RTS %1 send %2/%3 ms")
-                                                 .arg(mode.rtsOnSend ? "on" : "after")
-                                                 .arg(mode.delayBeforeSendMs)
-                                                 .arg(mode.delayAfterSendMs)
-                                           : QStringLiteral("off")),
+            QCOMPARE(QString::asprintf("%d %d%c%d %s %s, RS-485 %s", proxy.baudRate(), proxy.dataBits(),
+                         "NEO"[int(proxy.parity())], proxy.stopBits(),
+                         QMetaEnum::fromType<Proxy::FlowControl>().valueToKey(int(proxy.flowControl())),
+                         proxy.isExclusive() ? "exclusive" : "shared", rs485Mode.constData()),
                 outcome);
         char buffer[4] = "?\n";
         QCOMPARE(proxy.write(buffer, 2), taken ? qint64(2) : qint64(-1));
