@@ -1,9 +1,8 @@
-// A UART driver emulated on a pseudo-terminal: this program's ioctl() comes before the C
-// library's, so the proxies' line and RS-485 requests on the tty named come here. The driver's
-// words: eintr (every other request meets a signal first), get-fails, reread-fails, set-fails,
-// 1-stop-bit, no-rtscts, no-xonxoff, even-only, rs485 (which a pseudo-terminal lacks; delays held
-// to 100 ms), rs485-set-eio, rs485-get-einval, rs485-stays-off, rs485-stays-on, rts-on-send. It
-// runs at 3 MHz over a whole divisor.
+// A UART driver emulated on a pty: this program's ioctl() comes before the C library's, so the
+// proxies' line and RS-485 requests on the tty named come here. The words of a driver: eintr (every
+// other request meets a signal first), get-fails, reread-fails, set-fails, 1-stop-bit, no-rtscts,
+// no-xonxoff, even-only, rs485 (delays held to 100 ms), rs485-set-eio, rs485-get-einval,
+// rs485-stays-off, rs485-stays-on, rts-on-send. Its rate is 3 MHz over a whole divisor.
 
 #include <QFile>
 
