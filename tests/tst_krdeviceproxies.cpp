@@ -467,6 +467,7 @@ private Q_SLOTS:
         row("second exclusive open", "", "in use", 0, "is in use");
         // A UART runs at 3 MHz over a whole divisor: 115200 baud come out as 115384.
         row("UART: 5 data bits", "uart", "data", 5, "115384 5N1 None exclusive");
+        row("UART: 6 data bits", "uart", "data", 6, "115384 6N1 None exclusive");
         row("UART: 7 data bits", "uart", "data", 7, "115384 7N1 None exclusive");
         row("UART: even parity", "uart", "parity", even, "115384 8E1 None exclusive");
         row("UART: 1500000 baud", "uart", "baud", 1500000, "1500000 8N1 None exclusive");
