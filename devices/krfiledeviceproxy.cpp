@@ -23,6 +23,9 @@ namespace Pal {
 
 namespace {
 
+// A call that would have waited fails with EAGAIN, which Linux also names EWOULDBLOCK.
+static_assert(EAGAIN == EWOULDBLOCK, "EWOULDBLOCK is EAGAIN");
+
 // What stale input an exchange discards at most, so a node that streams without pause
 // cannot keep it discarding for ever.
 constexpr qint64 staleInputLimit = 1024 * 1024;
@@ -251,7 +254,7 @@ qint64 KrFileDeviceProxy::read(char *data, qint64 maxSize)
                 }
             } else if (errno == EINTR) {
                 continue;
-            } else if (errno != EAGAIN && errno != EWOULDBLOCK) {
+            } else if (errno != EAGAIN) {
                 const int error = errno;
                 failLocked(descriptor, QStringLiteral("cannot read from %1: %2").arg(m_path, qt_error_string(error)),
                     isLoss(error));
@@ -298,7 +301,7 @@ KrFileDeviceProxy::Io KrFileDeviceProxy::writeAll(const char *data, qint64 size,
             }
             if (written < 0 && errno == EINTR)
                 continue;
-            if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (written < 0 && errno == EAGAIN) {
                 result = waitFor(descriptor, POLLOUT, deadline, "write to");
                 if (result != Io::Done)
                     break;
@@ -321,7 +324,7 @@ KrFileDeviceProxy::Io KrFileDeviceProxy::readReply(
 {
     reply->clear();
     std::unique_lock<std::mutex> lock(m_mutex);
-    Q_ASSERT(m_exchanging);
+    Q_ASSERT(m_exchanging); // GCOVR_EXCL_BR_LINE: an assertion, only a fault fails it
     const int descriptor = acquireLocked(lock);
     lock.unlock();
     if (descriptor < 0)
@@ -353,7 +356,7 @@ KrFileDeviceProxy::Io KrFileDeviceProxy::readReply(
             m_input.append(chunk, int(count));
             continue;
         }
-        if (count < 0 && (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK))
+        if (count < 0 && (errno == EINTR || errno == EAGAIN))
             continue;
         if (count == 0 && !hungUp(descriptor)) {
             // A raw tty reads 0 when idle (VMIN and VTIME 0); any other node has ended.
@@ -463,7 +466,7 @@ void KrFileDeviceProxy::rearmWatch()
 
 int KrFileDeviceProxy::acquireLocked(std::unique_lock<std::mutex> &lock)
 {
-    Q_ASSERT(lock.owns_lock());
+    Q_ASSERT(lock.owns_lock()); // GCOVR_EXCL_BR_LINE: an assertion, only a fault fails it
     if (m_descriptor < 0 && (!m_nextOpen.hasExpired() || !openLocked()))
         return -1;
     if (m_failed)
@@ -474,7 +477,7 @@ int KrFileDeviceProxy::acquireLocked(std::unique_lock<std::mutex> &lock)
 
 void KrFileDeviceProxy::releaseLocked(int descriptor)
 {
-    Q_ASSERT(descriptor == m_descriptor && m_uses > 0);
+    Q_ASSERT(descriptor == m_descriptor && m_uses > 0); // GCOVR_EXCL_BR_LINE: an assertion, only a fault fails it
     Q_UNUSED(descriptor)
     if (--m_uses == 0 && m_failed)
         closeLocked();
@@ -488,7 +491,7 @@ void KrFileDeviceProxy::release(int descriptor)
 
 bool KrFileDeviceProxy::openLocked()
 {
-    Q_ASSERT(m_descriptor < 0);
+    Q_ASSERT(m_descriptor < 0); // GCOVR_EXCL_BR_LINE: an assertion, only a fault fails it
     m_nextOpen = QDeadlineTimer(m_reopenIntervalMs.load());
     const QByteArray nativePath = QFile::encodeName(m_path);
     // A node whose permissions allow one direction only is opened for that direction (root
@@ -528,7 +531,7 @@ bool KrFileDeviceProxy::openLocked()
     ::fstat(descriptor, &status);
     m_descriptor = descriptor;
     m_failed = false;
-    m_isPipe = S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode);
+    m_isPipe = S_ISFIFO(status.st_mode); // a socket cannot be opened by its path
     m_isTty = ::isatty(descriptor) == 1;
     m_readable = mode != O_WRONLY;
     m_input.clear();

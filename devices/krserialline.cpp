@@ -134,9 +134,9 @@ QString applyRs485(int descriptor, KrSerialDeviceProxy::Rs485 *rs485)
     }
     if (control(descriptor, TIOCSRS485, &mode) < 0 || control(descriptor, TIOCGRS485, &mode) < 0) {
         const int error = errno;
-        return error == ENOTTY || error == EINVAL
-            ? QStringLiteral("does not support RS-485 (%1)").arg(qt_error_string(error))
-            : QStringLiteral("refuses RS-485: %1").arg(qt_error_string(error));
+        if (error == ENOTTY || error == EINVAL)
+            return QStringLiteral("does not support RS-485 (%1)").arg(qt_error_string(error));
+        return QStringLiteral("refuses RS-485: %1").arg(qt_error_string(error));
     }
     const bool enabled = mode.flags & SER_RS485_ENABLED;
     if (enabled != rs485->enabled)

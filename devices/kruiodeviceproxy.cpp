@@ -75,11 +75,8 @@ KrUioDeviceProxy::KrUioDeviceProxy(const QString &device, int mapIndex, const QS
     : KrAbstractDeviceProxy(parent)
     , m_device(device)
 {
+    // Mapping is the last step of open() that can fail: nothing is mapped after a failure.
     if (!open(device, mapIndex, rootDir)) {
-        if (m_mapping)
-            ::munmap(m_mapping, m_mappingLength);
-        m_mapping = nullptr;
-        m_registers = nullptr;
         m_mapSize = 0;
         if (m_fd >= 0)
             ::close(m_fd);
@@ -322,7 +319,7 @@ int KrUioDeviceProxy::takeInterrupt(quint32 &count)
     do {
         got = ::read(m_fd, &count, sizeof count);
     } while (got < 0 && errno == EINTR);
-    if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK))
+    if (got < 0 && errno == EAGAIN) // which Linux also names EWOULDBLOCK
         return 0;
     if (got != qint64(sizeof count)) {
         setError(got < 0 ? QStringLiteral("cannot take the interrupt: %1").arg(systemError(errno))
