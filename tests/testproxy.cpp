@@ -4,22 +4,6 @@
 
 #include <cstring>
 
-std::atomic<int> TestProxy::s_constructed{0};
-std::atomic<int> TestProxy::s_destroyed{0};
-
-TestProxy::TestProxy(QObject *parent)
-    : Pal::KrAbstractDeviceProxy(parent)
-{
-    ++s_constructed;
-}
-
-TestProxy::~TestProxy()
-{
-    // A proxy destroyed under a running call would be a use after free in the library.
-    Q_ASSERT(m_writesInProgress.load() == 0 && m_readsInProgress.load() == 0);
-    ++s_destroyed;
-}
-
 qint64 TestProxy::write(const char *data, qint64 size)
 {
     const QByteArray bytes(data, int(size));

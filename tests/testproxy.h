@@ -19,8 +19,17 @@ class TestProxy : public Pal::KrAbstractDeviceProxy
 {
     Q_OBJECT
 public:
-    Q_INVOKABLE explicit TestProxy(QObject *parent = nullptr);
-    ~TestProxy() override;
+    Q_INVOKABLE explicit TestProxy(QObject *parent = nullptr)
+        : Pal::KrAbstractDeviceProxy(parent)
+    {
+        ++s_constructed;
+    }
+    // A proxy destroyed under a running call would be a use after free in the library.
+    ~TestProxy() override
+    {
+        Q_ASSERT(m_writesInProgress.load() == 0 && m_readsInProgress.load() == 0);
+        ++s_destroyed;
+    }
 
     qint64 write(const char *data, qint64 size) override;
     qint64 read(char *data, qint64 maxSize) override;
@@ -56,8 +65,8 @@ public:
     std::function<qint64(char *, qint64)> onRead;
     std::function<qint64(const QByteArray &)> onIoctl; // default: returns request size
 
-    static std::atomic<int> s_constructed;
-    static std::atomic<int> s_destroyed;
+    inline static std::atomic<int> s_constructed{0};
+    inline static std::atomic<int> s_destroyed{0};
 
 public Q_SLOTS:
     void record(const QByteArray &data);

@@ -39,28 +39,15 @@ Trace trace(const TestProxy &proxy)
     return trace;
 }
 
-// Runs @p atDestruction as its destruction begins, before the base class waits for the command thread.
-class ReleasingDevice : public KrDeviceAbstraction
-{
-    Q_OBJECT
-public:
-    ReleasingDevice(KrAbstractDeviceProxy *proxy, CommandFormatters &formatters, std::function<void()> atDestruction)
-        : KrDeviceAbstraction("dev", proxy, formatters)
-        , m_atDestruction(std::move(atDestruction))
-    {
-    }
-    ~ReleasingDevice() override { m_atDestruction(); }
-
-private:
-    std::function<void()> m_atDestruction;
-};
-
-// Records every consultation of the hook, and answers true: that must change nothing.
+// Records every consultation of the hook, and answers true: that must change nothing. Runs
+// atDestruction as its destruction begins, before the base class waits for the command thread.
 class CountingDevice : public KrDeviceAbstraction
 {
     Q_OBJECT
 public:
     using KrDeviceAbstraction::KrDeviceAbstraction;
+    ~CountingDevice() override { atDestruction(); }
+    std::function<void()> atDestruction = [] {};
     bool commandBlacklisted(quint16 commandId) override
     {
         blacklistQueries << commandId;
@@ -200,10 +187,11 @@ private Q_SLOTS:
             return qint64(bytes.size());
         };
         CommandFormatters commands = formatters();
-        auto device = std::make_unique<ReleasingDevice>(proxy, commands, [&] {
+        auto device = std::make_unique<CountingDevice>("dev", proxy, commands);
+        device->atDestruction = [&] {
             finishedAtDestruction = finished;
             gate.release();
-        });
+        };
         const auto unblock = qScopeGuard([&gate] { gate.release(1000); }); // should a check fail
 
         QCOMPARE(device->timeoutInMs(), quint32(4000));

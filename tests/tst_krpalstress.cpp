@@ -30,7 +30,7 @@ constexpr int threadCount = 8;
 constexpr int operationsPerThread = 25000;
 const QStringList sharedNames{"a", "b", "c", "d"};
 
-// Set while this thread is inside add() or remove(): a root destroyed then was destroyed by the registry.
+// Set while this thread is inside change(): a root destroyed then was destroyed by the registry.
 thread_local bool t_changingRegistry = false;
 std::atomic<int> s_created{0};
 std::atomic<int> s_destroyedInRegistry{0};
@@ -65,17 +65,11 @@ bool isWhole(const QSharedPointer<KrPalRoot> &root, const QString &name)
     return device && device->alive == TrackedDevice::aliveMark && device->id() == name.toUtf8();
 }
 
-void add(const QString &name, const QSharedPointer<KrPalRoot> &root)
+// Stores @p root under @p name, or removes the name when there is no root.
+void change(const QString &name, const QSharedPointer<KrPalRoot> &root = {})
 {
     t_changingRegistry = true;
-    Manager::add(name, root);
-    t_changingRegistry = false;
-}
-
-void remove(const QString &name)
-{
-    t_changingRegistry = true;
-    Manager::remove(name);
+    root ? void(Manager::add(name, root)) : Manager::remove(name);
     t_changingRegistry = false;
 }
 
@@ -134,9 +128,9 @@ private Q_SLOTS:
                     const QString &name = sharedNames.at((i * 7 + t) % sharedNames.size());
                     const int operation = (i + t) % 6;
                     if (operation == 0) {
-                        add(name, makeRoot(name));
+                        change(name, makeRoot(name));
                     } else if (operation == 1) {
-                        remove(name);
+                        change(name);
                     } else if (operation == 2) {
                         // The reference taken here may outlive the registry's: the root then
                         // dies on this thread, outside the lock.
@@ -148,17 +142,17 @@ private Q_SLOTS:
                         Manager::loaded(name);
                     } else if (operation == 4) {
                         const QSharedPointer<KrPalRoot> root = makeRoot(own);
-                        add(own, root);
-                        add(own + QLatin1String("-alias"), root);
-                        remove(own + QLatin1String("-alias"));
+                        change(own, root);
+                        change(own + QLatin1String("-alias"), root);
+                        change(own + QLatin1String("-alias"));
                     } else {
                         // Nobody else touches this name: the root replaced is the registry's
-                        // alone, and must die inside add().
-                        add(own, makeRoot(own));
+                        // alone, and must die inside change().
+                        change(own, makeRoot(own));
                         ++ownReplacements;
                     }
                 }
-                remove(own);
+                change(own);
             }));
             threads.back()->start();
         }
@@ -170,7 +164,7 @@ private Q_SLOTS:
         QCOMPARE(brokenRoots.load(), 0);
         QVERIFY(s_destroyedInRegistry >= ownReplacements - threadCount);
         for (const QString &name : sharedNames)
-            remove(name);
+            change(name);
         QCOMPARE(s_destroyedInRegistry + s_destroyedElsewhere, s_created.load());
     }
 

@@ -10,12 +10,13 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QLocale>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <clocale>
 #include <csignal>
 #include <cstring>
-#include <memory>
+#include <optional>
 
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -65,27 +66,6 @@ inline QStringList valueTexts(const Pal::TcxoCalDevice &device)
     return texts;
 }
 
-/// A new temporary directory that is the working directory while it lives, so that relative
-/// calibration paths land in a test's own directory.
-class TemporaryWorkingDir
-{
-public:
-    TemporaryWorkingDir()
-        : m_previous(QDir::currentPath())
-        , m_entered(QDir::setCurrent(m_dir.path()))
-    {
-    }
-    ~TemporaryWorkingDir() { QDir::setCurrent(m_previous); }
-    Q_DISABLE_COPY(TemporaryWorkingDir)
-
-    bool entered() const { return m_entered; }
-
-private:
-    QTemporaryDir m_dir;
-    const QString m_previous;
-    const bool m_entered;
-};
-
 using Pal::TcxoCalDevice;
 using Factors = TcxoCalDevice::TcxoCalFactors;
 
@@ -134,8 +114,8 @@ private Q_SLOTS:
         QLocale::setDefault(QLocale(QLocale::German, QLocale::Germany));
         std::setlocale(LC_ALL, "de_DE.UTF-8");
     }
-    void init() { QVERIFY((m_workingDir = std::make_unique<TemporaryWorkingDir>())->entered()); }
-    void cleanup() { m_workingDir.reset(); }
+    // Each test in a new working directory, so that relative calibration paths land in its own.
+    void init() { QVERIFY(QDir::setCurrent(m_workingDir.emplace().path())); }
 
     void createWritesExactTextAndReadsBack_data()
     {
@@ -242,13 +222,8 @@ private Q_SLOTS:
         row("NUL byte", nul, 7, nul, "7",
             {QStringLiteral("critical default: Not updating file holding a NUL byte: \"tcxo.cal\"")});
         // Only the value changes: a byte-order mark and bytes that are not UTF-8 stay as they were.
-        row("not UTF-8",
-            "\xEF\xBB\xBF# 25\xB0"
-            "C\nFIELD_TCXO=1\xFF\xE2\n",
-            2,
-            "\xEF\xBB\xBF# 25\xB0"
-            "C\nFIELD_TCXO=2\xFF\xE2\n",
-            "2");
+        row("not UTF-8", "\xEF\xBB\xBF# 25\xB0\x43\nFIELD_TCXO=1\xFF\xE2\n", 2,
+            "\xEF\xBB\xBF# 25\xB0\x43\nFIELD_TCXO=2\xFF\xE2\n", "2");
     }
     void fieldUpdate()
     {
@@ -297,10 +272,9 @@ private Q_SLOTS:
     void missingDacKey()
     {
         writeFile(QByteArray(exampleBytes).replace("FACTORY_TCXO=2048\n", ""));
-        Factors factors{7};
-        QVERIFY(!Pal::TcxoCalDevice("tcxo", path).getTcxoCalFactors(factors));
-        Factors expected = example;
+        Factors factors{7}, expected = example;
         expected.factoryTcxo = 7;
+        QVERIFY(!Pal::TcxoCalDevice("tcxo", path).getTcxoCalFactors(factors));
         QCOMPARE(factors, expected);
     }
 
@@ -454,7 +428,7 @@ private Q_SLOTS:
     }
 
 private:
-    std::unique_ptr<TemporaryWorkingDir> m_workingDir;
+    std::optional<QTemporaryDir> m_workingDir;
 };
 
 QTEST_GUILESS_MAIN(TestTcxoCalDevice)
