@@ -5,7 +5,9 @@
 #include <QList>
 #include <QString>
 #include <QStringList>
+#include <QTest>
 
+#include <memory>
 #include <mutex>
 
 /// One status report as the reporter received it: the code and the five context items.
@@ -18,10 +20,21 @@ struct Report
     QStringList arguments;
     QString text = QStringLiteral("");
 
-    bool operator==(const Report &other) const;
+    bool operator==(const Report &other) const
+    {
+        return code == other.code && fileName == other.fileName && line == other.line && function == other.function
+            && arguments == other.arguments && text == other.text && text.isNull() == other.text.isNull();
+    }
 };
 
-char *toString(const Report &report);
+inline char *toString(const Report &report)
+{
+    const QString text
+        = report.text.isNull() ? QStringLiteral("<null>") : QLatin1Char('"') + report.text + QLatin1Char('"');
+    return qstrdup(qPrintable(QStringLiteral("Report{code=%1 file=%2 line=%3 function=%4 text=%5 arguments=[%6]}")
+                                  .arg(QString::number(report.code), report.fileName, QString::number(report.line),
+                                      report.function, text, report.arguments.join(QLatin1String("] [")))));
+}
 
 /// Installs itself as the process's status reporter for its lifetime and records every
 /// report, from any thread. Returns @c result (or the code itself when negative) from
@@ -29,12 +42,30 @@ char *toString(const Report &report);
 class RecordingReporter : public Crosscutting::KrStatusReporter
 {
 public:
-    explicit RecordingReporter(StatusCode result = -1);
-    ~RecordingReporter() override;
+    explicit RecordingReporter(StatusCode result = -1)
+        : m_result(result)
+    {
+        Crosscutting::KrCrosscuttingManagerPlaceholder::instance()->setStatusReporter(this);
+    }
+    ~RecordingReporter() override
+    {
+        Crosscutting::KrCrosscuttingManagerPlaceholder::instance()->setStatusReporter(nullptr);
+    }
 
-    StatusCode reportStatus(StatusCode statusCode, Crosscutting::KrSourceContext *context) override;
+    StatusCode reportStatus(StatusCode statusCode, Crosscutting::KrSourceContext *context) override
+    {
+        const std::unique_ptr<Crosscutting::KrSourceContext> owned(context);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_reports.append(
+            {statusCode, owned->fileName(), owned->line(), owned->function(), owned->arguments(), owned->text()});
+        return m_result < 0 ? statusCode : m_result;
+    }
 
-    QList<Report> reports() const;
+    QList<Report> reports() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_reports;
+    }
 
 private:
     mutable std::mutex m_mutex;

@@ -5,9 +5,11 @@
 #include <QByteArray>
 #include <QList>
 #include <QPair>
+#include <QThread>
 
 #include <atomic>
 #include <condition_variable>
+#include <cstring>
 #include <functional>
 #include <mutex>
 
@@ -31,9 +33,49 @@ public:
         ++s_destroyed;
     }
 
-    qint64 write(const char *data, qint64 size) override;
-    qint64 read(char *data, qint64 maxSize) override;
-    qint64 ioctl(char *request, int requestSize, char *reply, quint32 replySize, quint32 timeoutMs) override;
+    qint64 write(const char *data, qint64 size) override
+    {
+        const QByteArray bytes(data, int(size));
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_writes.append({bytes, QThread::currentThreadId()});
+            m_maxConcurrentWrites.store(qMax(m_maxConcurrentWrites.load(), ++m_writesInProgress));
+        }
+        const qint64 result = onWrite ? onWrite(bytes) : size;
+        --m_writesInProgress;
+        return result;
+    }
+    qint64 read(char *data, qint64 maxSize) override
+    {
+        ++m_readsInProgress;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const int index = m_reads.size();
+        m_reads.append({QByteArray(), QThread::currentThreadId(), nullptr, quint32(maxSize)});
+        m_changed.notify_all();
+        if (index == 0)
+            m_changed.wait_for(lock, std::chrono::milliseconds(holdMs), [this] { return m_released; });
+        qint64 result = 0;
+        if (onRead) {
+            result = onRead(data, maxSize);
+        } else {
+            const Answer answer = script.value(index, later);
+            std::memcpy(data, answer.second.constData(), size_t(qMin(qint64(answer.second.size()), maxSize)));
+            result = answer.first;
+        }
+        m_reads[index].bytes = QByteArray(data, int(maxSize));
+        m_reads[index].result = result;
+        --m_readsInProgress;
+        return result;
+    }
+    qint64 ioctl(char *request, int requestSize, char *reply, quint32 replySize, quint32 timeoutMs) override
+    {
+        const QByteArray bytes(request, requestSize);
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_ioctls.append({bytes, QThread::currentThreadId(), reply, replySize, timeoutMs});
+        }
+        return onIoctl ? onIoctl(bytes) : requestSize;
+    }
 
     struct Call
     {
@@ -51,8 +93,18 @@ public:
     QList<Qt::HANDLE> emittedOn() const { return locked(m_emittedOn); }
     int maxConcurrentWrites() const { return m_maxConcurrentWrites.load(); }
     bool readInProgress() const { return m_readsInProgress.load() > 0; }
-    bool waitFor(int reads, int emitted = 0);
-    void release();
+    bool waitFor(int reads, int emitted = 0)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_changed.wait_for(lock, std::chrono::seconds(5),
+            [this, reads, emitted] { return m_reads.size() >= reads && m_emitted.size() >= emitted; });
+    }
+    void release()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_released = true;
+        m_changed.notify_all();
+    }
 
     void emitReadyRead() { Q_EMIT readyRead(); }
     void emitDataReady(const char *data, int size) { Q_EMIT dataReady(data, size); }
@@ -69,7 +121,13 @@ public:
     inline static std::atomic<int> s_destroyed{0};
 
 public Q_SLOTS:
-    void record(const QByteArray &data);
+    void record(const QByteArray &data)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_emitted.append(data);
+        m_emittedOn.append(QThread::currentThreadId());
+        m_changed.notify_all();
+    }
 
 private:
     // Detached under the lock: a shared copy released later would race with the appends of the
