@@ -36,9 +36,8 @@ inline char *toString(const Report &report)
                                       report.function, text, report.arguments.join(QLatin1String("] [")))));
 }
 
-/// Installs itself as the process's status reporter for its lifetime and records every
-/// report, from any thread. Returns @c result (or the code itself when negative) from
-/// reportStatus, so tests can see that callers pass the reporter's answer on.
+/// The process's status reporter while it lives, recording every report from any thread. Answers
+/// @c result (the code itself when negative), so tests see that callers pass the answer on.
 class RecordingReporter : public Crosscutting::KrStatusReporter
 {
 public:

@@ -13,10 +13,9 @@
 #include <functional>
 #include <mutex>
 
-/// The scriptable device proxy of every test. Each call is recorded with the thread it came on.
-/// Writes and ioctls answer through the on* handlers, on the calling thread. Reads answer from a
-/// script, or through onRead when set; the first read can be held until release() or holdMs. The
-/// proxy also records, as a receiver connected directly, the buffers that a collector emits.
+/// The scriptable device proxy of every test; each call recorded with its thread. Writes and ioctls
+/// answer through the on* handlers; reads from the script or onRead, the first held until release() or
+/// holdMs. As a receiver connected directly, it records the buffers that a collector emits.
 class TestProxy : public Pal::KrAbstractDeviceProxy
 {
     Q_OBJECT

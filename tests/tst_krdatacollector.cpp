@@ -33,9 +33,8 @@ class TestKrDataCollector : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    // Emitted on the collector thread, queued to this one without copying. The size changes
-    // while the first read is under way. Destroying the started collector does not wait for the
-    // one-minute park.
+    // Emitted on the collector thread, queued here without copying; the size changed during the
+    // first read. Destroying the started collector does not wait for the one-minute park.
     void readResults_data()
     {
         QTest::addColumn<uint>("bufferSize");
@@ -101,9 +100,8 @@ private Q_SLOTS:
         QCOMPARE((QList<quint32>{reads.value(0).size, reads.value(1).size}), (QList<quint32>{bufferSize, laterSize}));
     }
 
-    // Run directly, the worker parks first; start() and stop() before run() leave a spare permit.
-    // With it the worker makes exactly one pass, and a stop() during that pass waits for it,
-    // emission included.
+    // start() and stop() before run() leave a spare permit: the worker makes exactly one pass, and a
+    // stop() during that pass waits for it, emission included.
     void workerSparePermitAndStopWaitingForPass()
     {
         TestProxy proxy;

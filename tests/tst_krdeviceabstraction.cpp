@@ -15,8 +15,7 @@ using namespace Pal;
 
 namespace {
 
-// Command 1 becomes "<id>:<value>", with "-" for an invalid value, so that the bytes show both
-// arguments. Command 9 becomes no bytes at all.
+// Command 1 becomes "<id>:<value>" ("-" for an invalid value), command 9 no bytes at all.
 CommandFormatters formatters()
 {
     return {{1,
@@ -26,8 +25,7 @@ CommandFormatters formatters()
         {9, [](quint16, const QVariant &) { return QByteArray(); }}};
 }
 
-// What the proxy was asked, writes first. Writes belong on the command thread and ioctls on
-// the caller's; a call on the wrong thread is marked.
+// What the proxy was asked, writes first; a write on the caller's thread or an ioctl on another is marked.
 using Trace = QList<QByteArray>;
 Trace trace(const TestProxy &proxy)
 {
@@ -62,11 +60,9 @@ class TestKrDeviceAbstraction : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    // One device per setup. Accepted commands return the proxy's result unchanged and never
-    // consult the hook; rejected ones return 7 (write) or -1 (ioctl), consult it once each and
-    // reach no proxy. read and ioctl hand the caller's buffer, size and time-out through (the
-    // default time-out is for write alone). The proxy is adopted, and its signals forwarded,
-    // exactly when there are a key and a proxy.
+    // Accepted commands return the proxy's result and never consult the hook; rejected ones return 7
+    // (write) or -1 (ioctl), consult it once each and reach no proxy. read and ioctl pass the caller's
+    // buffer, size and time-out on. The proxy is adopted, its signals forwarded, when there are a key and a proxy.
     void setups_data()
     {
         QTest::addColumn<QByteArray>("id");

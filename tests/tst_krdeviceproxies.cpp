@@ -197,9 +197,8 @@ private Q_SLOTS:
         QCOMPARE(proxy.errorString(), error.isEmpty() ? QString() : message(device, error));
     }
 
-    // The kernel's UIO node stood in for by a pseudo-terminal: what the test writes to the
-    // master is the interrupt count the proxy reads, and the master receives the proxy's
-    // interrupt enables, one at open and one after each interrupt taken.
+    // A pseudo-terminal as the UIO node: the master writes the interrupt counts and receives the
+    // proxy's interrupt enables, one at open and one after each interrupt taken.
     void interrupts()
     {
         PtyPair pty(true);
@@ -366,8 +365,7 @@ private Q_SLOTS:
         QCOMPARE(proxy.errorString(), pty.slavePath + " stayed busy with another operation until the deadline");
     }
 
-    // A reply cut short by a tty that hangs up or a file that ends; a hung-up or missing node asked
-    // for its input.
+    // A reply cut short by a tty that hangs up or a file that ends; a hung-up or missing node asked for input.
     void endings()
     {
         PtyPair pty(true), idle(true);
@@ -545,9 +543,8 @@ private Q_SLOTS:
         QVERIFY(proxy.isOpen());
     }
 
-    // A device that is missing at the start, appears, goes away and comes back behind a
-    // by-id link: one warning per loss, one message when back, the settings kept. Each time the
-    // line runs raw whatever the tty was set to, and what waited before the open is gone.
+    // A device missing at the start, then coming and going behind a by-id link: one warning per loss,
+    // one message when back, the settings kept, the line raw, and what waited before the open gone.
     void lossAndRecovery()
     {
         if (!m_noLineSettings.isEmpty())

@@ -91,8 +91,7 @@ private Q_SLOTS:
 
         const QString tcxoFile = steps[1]["values"]["tcxoFile"].toString();
         QVERIFY2(!QFile::exists(tcxoFile), "a temporary calibration file is removed with the run");
-        // Whole buffers of the size asked for, summed up in the self-test; the demo itself checks
-        // that every sample arrived in order and that the self-test covers every result type.
+        // Whole buffers of the size asked for, summed up in the self-test (the demo checks their order).
         QCOMPARE(steps[5]["values"],
             QJsonValue(QJsonObject{{"reset", QJsonArray{0, 0, 0}}, {"enableResult", 8},
                 {"refused", QJsonArray{1, 0, 2}}, {"stopResult", 8}}));
@@ -109,8 +108,7 @@ private Q_SLOTS:
                 {"valid", true}, {"fix", true}, {"hasDate", true}, {"dropped", 0}}));
     }
 
-    // A board's own calibration file: made on the first run, found and read on the second. Text
-    // output to a pipe has no progress line.
+    // A board's calibration file made on the first run, read on the second; no progress line on a pipe.
     void calibrationFileStaysWhereAsked()
     {
         QTemporaryDir directory;

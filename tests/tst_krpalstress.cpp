@@ -132,8 +132,7 @@ private Q_SLOTS:
                     } else if (operation == 1) {
                         change(name);
                     } else if (operation == 2) {
-                        // The reference taken here may outlive the registry's: the root then
-                        // dies on this thread, outside the lock.
+                        // This reference may outlive the registry's: the root then dies here.
                         if (const QSharedPointer<KrPalRoot> root = Manager::application(name)) {
                             ++rootsFound;
                             brokenRoots += !isWhole(root, name);
@@ -146,8 +145,7 @@ private Q_SLOTS:
                         change(own + QLatin1String("-alias"), root);
                         change(own + QLatin1String("-alias"));
                     } else {
-                        // Nobody else touches this name: the root replaced is the registry's
-                        // alone, and must die inside change().
+                        // A name of this thread's own: the root replaced must die inside change().
                         change(own, makeRoot(own));
                         ++ownReplacements;
                     }
@@ -173,8 +171,8 @@ private Q_SLOTS:
         constexpr int commandCount = 300;
         RecordingReporter reporter;
         auto *proxy = new TestProxy;
-        // Every other write hangs until the caller gave up on it and the test lets it go; one left
-        // hanging for ten seconds means a lost permit, and is counted instead of blocking the suite.
+        // Every other write hangs until the caller gave up and the test lets it go; one hanging for
+        // ten seconds means a lost permit, counted rather than blocking the suite.
         QSemaphore gate;
         std::atomic<int> started{0}, stuck{0};
         proxy->onWrite = [&](const QByteArray &bytes) {
@@ -236,11 +234,9 @@ private Q_SLOTS:
         QCOMPARE(reporter.reports(), QVector<Report>(failures, Pinned::readFailed).toList());
     }
 
-    // The start() right after construction nearly always comes before the worker first parks,
-    // which leaves a spare permit: a stop() during the first read then returns at once, the
-    // worker still counting as idle. The collector is started again and destroyed while that
-    // read is under way. Once, the read is held past the destructor's 100 ms (the message that
-    // it then logs is checked in tst_krdatacollector).
+    // A start() before the worker first parks leaves a spare permit: a stop() during the first read then
+    // returns at once. Started again and destroyed while that read is under way; once, the read is held
+    // past the destructor's 100 ms.
     void destroyedWhileStartedWithASparePermit()
     {
         RecordingReporter reporter;

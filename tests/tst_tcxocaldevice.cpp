@@ -152,8 +152,8 @@ private Q_SLOTS:
         QCOMPARE(device.getValue(Pal::fieldTemperatureKey, true), device.getValue(Pal::fieldTemperatureKey, false));
     }
 
-    // Only lines 4 to 7 change, with six significant digits, the fix time to one taken during
-    // the call; a DAC value alone changes line 4 only.
+    // Only lines 4 to 7 change, six significant digits, the fix time taken during the call; a DAC value
+    // alone changes line 4 only.
     void fieldCalibration()
     {
         Pal::TcxoCalDevice device("tcxo", path);
@@ -176,8 +176,7 @@ private Q_SLOTS:
         QCOMPARE(contentOf(path), bytes.replace("FIELD_TCXO=2060", "FIELD_TCXO=2061"));
     }
 
-    // A write that cannot finish (here the file size limit, as a full disk would) must leave
-    // the previous calibration byte for byte, never an empty or half-written file.
+    // A write that cannot finish (the file size limit, as a full disk) leaves the previous calibration whole.
     void interruptedWriteKeepsPreviousCalibration()
     {
         Pal::TcxoCalDevice device("tcxo", path);
@@ -246,9 +245,8 @@ private Q_SLOTS:
         QCOMPARE(recorder.takeMessages(), messages);
     }
 
-    // Any key counts where it first occurs, inside another line too; its value is the run of
-    // "-0123456789.+e" after it; the text ends at a NUL byte; what does not convert reads as 0,
-    // also a value beyond float's range, for which Qt's toFloat answers infinity.
+    // A key counts where it first occurs, inside another line too; its value is the run of "-0123456789.+e"
+    // after it; the text ends at a NUL byte; what does not convert, or lies beyond float's range, reads as 0.
     void readingRules()
     {
         const char text[] = "XFIELD_TCXO=70000\nFIELD_TCXO=7\nOTHER=42\nFACTORY_TCXO=1.5\nFACTORY_TEMPERATURE=2.5E+03\n"
@@ -386,8 +384,7 @@ private Q_SLOTS:
         QCOMPARE(entriesOf("real"), QStringList{"tcxo.cal"});
     }
 
-    // Every update reads the file afresh: another writer's changes between two updates are
-    // kept, and the device's cached value decides nothing.
+    // Every update reads the file afresh: another writer's changes are kept, the cached value decides nothing.
     void anotherWriterBetweenUpdates_data()
     {
         QTest::addColumn<QString>("writer");
