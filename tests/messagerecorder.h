@@ -5,7 +5,7 @@
 #include <utility>
 
 /// Records Qt's message log while it lives, one entry per message: "<level> <category>: <text>",
-/// followed by " @<file>" when the message carries a source context. Single-threaded use only.
+/// without the source that a Debug build gives some messages. Single-threaded use only.
 class MessageRecorder
 {
 public:
@@ -23,8 +23,7 @@ private:
     static void record(QtMsgType type, const QMessageLogContext &context, const QString &text)
     {
         static const char *const levels[] = {"debug", "warning", "critical", "fatal", "info"};
-        s_messages << QString::asprintf("%s %s: ", levels[type], context.category ? context.category : "") + text
-                + (context.file ? QStringLiteral(" @") + QString::fromLatin1(context.file) : QString());
+        s_messages << QString::asprintf("%s %s: ", levels[type], context.category ? context.category : "") + text;
     }
 
     inline static QStringList s_messages;
