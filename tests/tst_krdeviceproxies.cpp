@@ -445,7 +445,6 @@ private Q_SLOTS:
         const int rtsCts = int(KrSerialDeviceProxy::FlowControl::RtsCts), xonXoff = rtsCts + 1;
         const int even = int(KrSerialDeviceProxy::Parity::Even), odd = even + 1;
         row("250000 baud", "", "baud", 250000, "250000 8N1 None exclusive");
-        row("1000000 baud", "", "baud", 1000000, "1000000 8N1 None exclusive");
         row("9600 baud", "", "baud", 9600, "9600 8N1 None exclusive");
         row("no rate", "", "baud", 0, "has no baud rate 0");
         row("2 stop bits", "", "stop", 2, "115200 8N2 None exclusive");
