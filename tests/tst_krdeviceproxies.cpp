@@ -514,15 +514,14 @@ private Q_SLOTS:
         QCOMPARE(proxy.isOpen(), taken);
         QCOMPARE(proxy.errorString(), error);
         const Proxy::Rs485 mode = proxy.rs485();
+        const QString shown
+            = QString::asprintf("%d %d%c%d %s %s", proxy.baudRate(), proxy.dataBits(), "NEO"[int(proxy.parity())],
+                proxy.stopBits(), QMetaEnum::fromType<Proxy::FlowControl>().valueToKey(int(proxy.flowControl())),
+                proxy.isExclusive() ? "exclusive" : "shared");
+        const QString rs485Shown = QString::asprintf(", RS-485 RTS %s send %u/%u ms", mode.rtsOnSend ? "on" : "after",
+            mode.delayBeforeSendMs, mode.delayAfterSendMs);
         if (taken)
-            QCOMPARE(
-                QString::asprintf("%d %d%c%d %s %s", proxy.baudRate(), proxy.dataBits(), "NEO"[int(proxy.parity())],
-                    proxy.stopBits(), QMetaEnum::fromType<Proxy::FlowControl>().valueToKey(int(proxy.flowControl())),
-                    proxy.isExclusive() ? "exclusive" : "shared")
-                    + (mode.enabled ? QString::asprintf(", RS-485 RTS %s send %u/%u ms",
-                           mode.rtsOnSend ? "on" : "after", mode.delayBeforeSendMs, mode.delayAfterSendMs)
-                                    : QString()),
-                outcome);
+            QCOMPARE(shown + (mode.enabled ? rs485Shown : QString()), outcome);
         char buffer[4] = "?\n";
         QCOMPARE(proxy.write(buffer, 2), taken ? qint64(2) : qint64(-1));
         QCOMPARE(proxy.read(buffer, sizeof buffer), taken ? qint64(0) : qint64(-1));

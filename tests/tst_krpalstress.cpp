@@ -73,20 +73,13 @@ void change(const QString &name, const QSharedPointer<KrPalRoot> &root = {})
     t_changingRegistry = false;
 }
 
+// Of every five reads, two give data and one fails; each writes its number into the buffer.
 qint64 patternRead(char *data, qint64 maxSize, int &number)
 {
-    switch (number++ % 5) {
-    case 1:
-    case 2: {
-        const QByteArray text = QByteArray::number(number).left(int(maxSize));
-        std::copy(text.begin(), text.end(), data);
-        return text.size();
-    }
-    case 3:
-        return -1;
-    default:
-        return 0;
-    }
+    const int kind = number++ % 5;
+    const QByteArray text = QByteArray::number(number).left(int(maxSize));
+    std::copy(text.begin(), text.end(), data);
+    return kind == 3 ? -1 : kind == 1 || kind == 2 ? text.size() : 0;
 }
 
 // What the collector must have emitted, and the failures it must have reported, by the reads made.
