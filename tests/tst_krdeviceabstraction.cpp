@@ -171,8 +171,7 @@ private Q_SLOTS:
     void timeout()
     {
         RecordingReporter reporter;
-        QSemaphore gate;
-        QSemaphore entered;
+        QSemaphore gate, entered;
         std::atomic<int> finished{0};
         int finishedAtDestruction = -1;
         auto *proxy = new TestProxy;

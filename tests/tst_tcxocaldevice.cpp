@@ -165,12 +165,10 @@ private Q_SLOTS:
         const qint64 time = bytes.mid(bytes.indexOf("FIELD_FIX_TIME=") + 15, 13).toLongLong();
         QVERIFY(time >= before && time <= after);
         QCOMPARE(bytes,
-            QByteArray(exampleBytes)
-                .replace("FIELD_TCXO=2051\nFIELD_TEMPERATURE=31.75\nFIELD_TUNING_SENSITIVITY=0.0124\n"
-                         "FIELD_FIX_TIME=1.7e+12",
-                    QByteArray(
-                        "FIELD_TCXO=2060\nFIELD_TEMPERATURE=30.5\nFIELD_TUNING_SENSITIVITY=0.0123457\nFIELD_FIX_TIME="
-                        + QByteArray::number(time))));
+            withFieldTcxo(exampleBytes, 2060)
+                .replace("FIELD_TEMPERATURE=31.75\nFIELD_TUNING_SENSITIVITY=0.0124\nFIELD_FIX_TIME=1.7e+12",
+                    "FIELD_TEMPERATURE=30.5\nFIELD_TUNING_SENSITIVITY=0.0123457\nFIELD_FIX_TIME="
+                        + QByteArray::number(time)));
 
         device.updateTcxoFieldCal(2061);
         QCOMPARE(contentOf(path), bytes.replace("FIELD_TCXO=2060", "FIELD_TCXO=2061"));
