@@ -284,6 +284,7 @@ void TestKrNmeaGpsSource::tool()
     QFETCH(int, exitCode);
     QFETCH(QByteArray, output);
     QFETCH(QByteArray, errors);
+    SKIP_WITHOUT_TOOLS();
 
     QProcess process;
     startTool(process, KRPAL_NMEA, arguments);
@@ -307,6 +308,7 @@ void TestKrNmeaGpsSource::serialLine()
     PtyPair pty(true);
     if (pty.master < 0)
         QSKIP("no pseudo-terminals here");
+    SKIP_WITHOUT_TOOLS();
     QProcess process;
     startTool(process, KRPAL_NMEA, {"--json", "--baud", "115200", pty.slavePath});
     // Input that waits before the tool opens the line is discarded; the tool says when it reads.

@@ -47,6 +47,7 @@ class TestKrPalDemo : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { SKIP_WITHOUT_TOOLS(); }
     void jsonRun();
     void calibrationFileStaysWhereAsked();
     void failedStepsAreNamed();
