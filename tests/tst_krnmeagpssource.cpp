@@ -87,6 +87,7 @@ Run feed(const QByteArray &bytes, const std::function<int(int)> &chunks)
             source.addData(bytes.mid(at, n));
         lines += bytes.mid(at, n).count('\n');
     }
+    source.addData(nullptr, 1); // a null chunk is ignored
     line = "end";
     source.flush();
     run.dropped = source.droppedSentences();
@@ -329,8 +330,7 @@ void TestKrNmeaGpsSource::gpsInfoFields()
     QCOMPARE(describe(info), QString("- fix=1 sats=65535 date=1 valid=0"));
 }
 
-// One sentence after an epoch of one GSA without time: a sentence wrong in one field is dropped
-// whole and leaves the epoch as it was; a good one joins it. "%1" in a row stands for each value.
+// A sentence after a GSA epoch without time: one wrong in one field is dropped whole, a good one joins it.
 void TestKrNmeaGpsSource::fields_data()
 {
     QTest::addColumn<QString>("sentence");
