@@ -145,7 +145,7 @@ void TestKrNmeaGpsSource::recordings_data()
                "- fix=0 sats=3 date=0 valid=0", "2024-04-17T08:00:01.000Z fix=0 sats=3 date=1 valid=0",
                "2024-04-17T08:00:02.000Z fix=1 sats=5 date=1 valid=1 51.500000000,-0.125000000 alt=-12.345 "
                "speed=0.00514444444"}
-        << quint64(0) << QString("6 11 15 20 25");
+        << quint64(0) << QString("6 10 14 19 24");
     const QString tenHz = "2025-01-01T12:00:00.%1Z fix=1 sats=12 date=1 valid=1 47.285205760,8.565205760 alt=430.120 "
                           "speed=1.02888889 course=90 hacc=0.5 vacc=1.2";
     QTest::newRow("GN at 10 Hz, fix lost and regained, GST accuracy")
