@@ -359,7 +359,7 @@ bool parseGst(const Field *f, int count, NmeaSentence *s)
 
 NmeaParseResult parseNmeaSentence(const char *text, int size, NmeaSentence *result)
 {
-    if (size < 9 || size > maxNmeaSentenceSize || text[0] != '$' || text[size - 3] != '*')
+    if (size < 9 || text[size - 3] != '*')
         return NmeaParseResult::Bad;
     const int high = hexValue(text[size - 2]);
     const int low = hexValue(text[size - 1]);

@@ -54,8 +54,9 @@ enum class NmeaParseResult
     Bad // wrong checksum, garbled, or a field that does not convert
 };
 
-/// Checks and reads one sentence, @p size bytes from '$' through the checksum, without its
-/// line end. @p result is written only for Used, so a bad sentence is never half used.
+/// Checks and reads one sentence, @p size bytes (at most maxNmeaSentenceSize) from its '$'
+/// through the checksum, without its line end, as KrNmeaGpsSource collects them. @p result is
+/// written only for Used, so a bad sentence is never half used.
 NmeaParseResult parseNmeaSentence(const char *text, int size, NmeaSentence *result);
 
 } // namespace Internal

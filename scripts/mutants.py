@@ -151,7 +151,8 @@ class Run:
             for name in names:
                 saved = os.path.join(dirpath, name)
                 rel = os.path.relpath(saved, self.backup)
-                shutil.copy2(saved, os.path.join(ROOT, rel))
+                # A new modification time, so that builds made from the mutant are made again.
+                shutil.copyfile(saved, os.path.join(ROOT, rel))
                 os.remove(saved)
                 print(f"restored {rel} from an interrupted run", flush=True)
 

@@ -37,6 +37,7 @@ class TestKrPalDemo : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase() { SKIP_WITHOUT_TOOLS(); }
     void jsonRun()
     {
         const auto [code, out, err] = runDemo("--json --duration 0.3 --rate 20000 --buffer-size 1000");

@@ -27,6 +27,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
+# Libraries that are not multiarch (libfiu, for one) sit in /usr/lib and are the host's; linking
+# them fails. Without them the parts that need them are left out, as on a host that lacks them.
+set(CMAKE_IGNORE_PATH /usr/lib /lib)
+
 # pkg-config answers for the target's .pc files, not the host's.
 set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/${KRPAL_TARGET_TRIPLET}/pkgconfig:/usr/share/pkgconfig")
 
