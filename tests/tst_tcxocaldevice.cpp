@@ -167,8 +167,8 @@ private Q_SLOTS:
         QCOMPARE(bytes,
             withFieldTcxo(exampleBytes, 2060)
                 .replace("FIELD_TEMPERATURE=31.75\nFIELD_TUNING_SENSITIVITY=0.0124\nFIELD_FIX_TIME=1.7e+12",
-                    "FIELD_TEMPERATURE=30.5\nFIELD_TUNING_SENSITIVITY=0.0123457\nFIELD_FIX_TIME="
-                        + QByteArray::number(time)));
+                    QByteArray("FIELD_TEMPERATURE=30.5\nFIELD_TUNING_SENSITIVITY=0.0123457\nFIELD_FIX_TIME=")
+                        .append(QByteArray::number(time))));
 
         device.updateTcxoFieldCal(2061);
         QCOMPARE(contentOf(path), bytes.replace("FIELD_TCXO=2060", "FIELD_TCXO=2061"));
