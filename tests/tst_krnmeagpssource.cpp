@@ -349,9 +349,10 @@ void TestKrNmeaGpsSource::fields_data()
             "GPGST,120000,,,,,,", "GPRMC,240000,A,,,,,,,,,", "GPGLL,,,,,240000,A", "GPGST,240000,,,,,,,",
             "GPGGA,,4807,N,,,,,,,,,,,", "GPGGA,,,,01131,E,,,,,,,,,", "GPGGA,,4807,N,01160,E,,,,,,,,,"});
     rows("%1",
-        {"GPTXT," + QString(110, 'x'), "GPTXT, ~", "PGRMZ,x", "GPXYZ*4c", "GPGSV" + QString(25, ','),
-            "GPGGA" + QString(23, ','), "GPGGA,,,,,,,,.5,-0.5,M,-46.9,M,0.0,1023", "GPGLL,,N,,W,,A", "GPGLL,,,,,,,",
-            "GPGLL,,,,,,A,S", "GPRMC,,A,,,,,,,,,E", "GPVTG,84.4,T,,M,1.0,N,18,K,N", "GPZDA,120000,,,,,"},
+        {"GPTXT," + QString(110, 'x'), "GPTXT, ~", "PGRMZ,x", "GPXYZ*4c", "GPXYZ,J*2a", "GPXYZ,O*2f",
+            "GPGSV" + QString(25, ','), "GPGGA" + QString(23, ','), "GPGGA,,,,,,,,.5,-0.5,M,-46.9,M,0.0,1023",
+            "GPGLL,,N,,W,,A", "GPGLL,,,,,,,", "GPGLL,,,,,,A,S", "GPRMC,,A,,,,,,,,,E", "GPVTG,84.4,T,,M,1.0,N,18,K,N",
+            "GPZDA,120000,,,,,"},
         gsa);
     rows("%1", {"GPGSA,,,04,05,,,,,,,,,,,,,,F", "GPGSA,A,,,,,,,,,,,,04,05,1,1,1,"}, "- fix=1 sats=5 date=0 valid=0");
     rows("GPZDA,%1,,,,,", {"240000", "126000", "120060", "12000", "1200000", "120000.1a", "120000.12345678901"});
